@@ -1,0 +1,52 @@
+#pragma once
+// Small services of the host system and text parsing shared by configuration readers.
+
+#include <atomic>
+#include <string_view>
+
+#include "Platform/ZKString.h"
+
+class SystemUtility {
+  public:
+    // At least 1.
+    static unsigned GetNumberOfProcessors();
+    // False when the variable is not set; its UTF-8 value otherwise.
+    static bool Getenv(const char* name, ZKString& value);
+    static bool Getenv(std::wstring_view name, ZKString& value);
+};
+
+class BaseStringUtil {
+  public:
+    // true/false, yes/no, on/off, 1/0 in any letter case, surrounding blanks ignored.
+    static bool BooleanFrom(std::wstring_view text, bool& value);
+    // Decimal with an optional sign, surrounding blanks ignored; false on overflow.
+    static bool IntFrom(std::wstring_view text, long long& value);
+    static bool IsInteger(std::wstring_view text);
+    static std::wstring_view Trim(std::wstring_view text);
+    // ASCII letters only: names in configuration are ASCII.
+    static bool EqualsNoCase(std::wstring_view a, std::wstring_view b);
+};
+
+// A property value as the user gave it: text that may stand for an integer.
+class PropertyValue {
+  public:
+    PropertyValue() = default;
+    explicit PropertyValue(ZKString text) : m_text(std::move(text)) {}
+    explicit PropertyValue(long long value) : m_text(ZKString::FromInt(value)) {}
+
+    const ZKString& GetText() const { return m_text; }
+    bool IsInteger() const { return BaseStringUtil::IsInteger(m_text); }
+    bool ToIntegerValue(long long& value) const { return BaseStringUtil::IntFrom(m_text, value); }
+    // Raises an ErrorMessage when the text is not an integer.
+    long long GetInteger() const;
+
+  private:
+    ZKString m_text;
+};
+
+// Diagnostic switches read on hot paths, hence plain atomics rather than flags.
+class GlobalRpVariables {
+  public:
+    static inline std::atomic<bool> global_External_zK_EnableAggrDiagnostics{false};
+    static inline std::atomic<bool> global_External_zK_EnableCacheDiagnostics{false};
+};
