@@ -197,7 +197,7 @@ TEST(ServerInfoTest, ClassificationAndNamesOfTargetTypes) {
     }
     EXPECT_EQ(mdx, (std::vector<int>{33, 34, 41, 58, 60, 77}));
     EXPECT_EQ(named, 19);
-    EXPECT_STREQ(ServerInfo::TargetTypeName(ServerInfo::kOldNetezza), L"fennick");
+    EXPECT_STREQ(ServerInfo::TargetTypeName(ServerInfo::kFennick), L"fennick");
     ServerInfo::TargetType t = ServerInfo::kUnknown;
     EXPECT_TRUE(ServerInfo::TargetTypeFromName(L"RawStore", t));
     EXPECT_EQ(t, ServerInfo::kInternalRawDataStorage);
