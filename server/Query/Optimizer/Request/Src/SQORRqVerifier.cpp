@@ -1,0 +1,698 @@
+// Structural verification of request trees. The tree is walked once, iteratively, to record
+// every node with the node that holds it; the link checks happen during that walk. Every
+// other check then runs over the records, so that references can be resolved against the
+// whole tree, and the verifier never dereferences a non-owning link (a reference's column, a
+// shared list's target) before the walk has found the node it names.
+
+#include "Query/Optimizer/Request/SQORRqVerifier.h"
+
+#include <algorithm>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+
+#include "Query/Optimizer/Request/SQORRqExpr.h"
+#include "Query/Optimizer/Request/SQORRqList.h"
+
+namespace {
+
+using Kind = RqViolation::Kind;
+
+ZKString TypeName(const RqNode& node) {
+    return ZKString::FromUtf8(RqNodeTypeName(node.GetObjectType()));
+}
+
+ZKString Segment(const RqNode& node, int index) {
+    return TypeName(node) + L"[" + ZKString::FromInt(index) + L"]";
+}
+
+ZKString Num(long long value) {
+    return ZKString::FromInt(value);
+}
+
+bool IsA(const RqNode* node, RqNodeType_e kind) {
+    return node != nullptr && node->IsKindOf(kind);
+}
+
+bool IsExactly(const RqNode* node, RqNodeType_e kind) {
+    return node != nullptr && node->GetObjectType() == kind;
+}
+
+// Child i, or null when the node has fewer children.
+const RqNode* Slot(const RqNode& node, int i) {
+    return i < node.GetNumChildren() ? node.GetIthChild(i) : nullptr;
+}
+
+struct NodeRecord {
+    const RqNode* m_pNode;
+    const RqNode* m_pOwner;  // the node that holds it in the walk; null for the root
+    int m_index;             // its position in the owner
+    const RqNode* m_pBlock;  // the nearest RqList strictly above it; null when none
+};
+
+class Verification {
+  public:
+    explicit Verification(const RqNode& root) { Walk(root); }
+
+    std::vector<RqViolation> Run() {
+        for (const NodeRecord& record : m_records)
+            CheckNode(record);
+        return std::move(m_violations);
+    }
+
+  private:
+    // ---- Walk and records ---------------------------------------------------------------
+
+    void Walk(const RqNode& root) {
+        struct Pending {
+            const RqNode* m_pNode;
+            const RqNode* m_pOwner;
+            int m_index;
+        };
+        std::vector<Pending> work{{&root, nullptr, -1}};
+        while (!work.empty()) {
+            const Pending pending = work.back();
+            work.pop_back();
+            const RqNode* node = pending.m_pNode;
+            const RqNode* owner = pending.m_pOwner;
+            if (owner != nullptr && node->GetParent() != owner) {
+                Report(node, ChildPath(owner, node, pending.m_index), RqViolation::kParentLink,
+                       L"held by " + PathOf(owner) + L" but its parent link names " +
+                           DescribeNode(node->GetParent()));
+            }
+            if (m_recordOf.count(node) != 0) {
+                // Held a second time (or by its own subtree): walking it again could loop,
+                // and its checks run where it was first found.
+                Report(node, ChildPath(owner, node, pending.m_index), RqViolation::kSharedNode,
+                       L"also held at " + PathOf(node));
+                continue;
+            }
+            const RqNode* block = nullptr;
+            if (owner != nullptr) {
+                block = IsExactly(owner, kRqList) ? owner : m_records[m_recordOf[owner]].m_pBlock;
+            }
+            m_recordOf.emplace(node, m_records.size());
+            m_records.push_back({node, owner, pending.m_index, block});
+            // Last child first, so that children are recorded in child order (pre-order).
+            for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
+                if (const RqNode* child = node->GetIthChild(i))
+                    work.push_back({child, node, i});
+            }
+        }
+    }
+
+    // Paths are built only for reports: building one per node would cost the square of the
+    // depth on deep expression chains.
+    ZKString PathOf(const RqNode* node) const {
+        std::vector<const NodeRecord*> chain;
+        for (const RqNode* p = node; p != nullptr; p = m_records[m_recordOf.at(p)].m_pOwner) {
+            chain.push_back(&m_records[m_recordOf.at(p)]);
+        }
+        ZKString path = TypeName(*chain.back()->m_pNode);
+        for (auto it = chain.rbegin() + 1; it != chain.rend(); ++it) {
+            path += L"/" + Segment(*(*it)->m_pNode, (*it)->m_index);
+        }
+        return path;
+    }
+    ZKString ChildPath(const RqNode* owner, const RqNode* child, int index) const {
+        return PathOf(owner) + L"/" + Segment(*child, index);
+    }
+
+    ZKString DescribeNode(const RqNode* node) const {
+        if (node == nullptr)
+            return L"no node";
+        if (IsLive(node))
+            return PathOf(node);
+        return TypeName(*node) + L" outside this tree";
+    }
+
+    bool IsLive(const RqNode* node) const { return m_recordOf.count(node) != 0; }
+    const RqNode* Owner(const RqNode* node) const {
+        auto it = m_recordOf.find(node);
+        return it == m_recordOf.end() ? nullptr : m_records[it->second].m_pOwner;
+    }
+
+    void Report(const RqNode* node, const ZKString& path, Kind kind, const ZKString& message) {
+        m_violations.push_back({node, path, kind, message});
+    }
+    void Report(const RqNode* node, Kind kind, const ZKString& message) {
+        Report(node, PathOf(node), kind, message);
+    }
+
+    // ---- Blocks and projections -------------------------------------------------------------
+
+    // The nearest block above `node` in the walk.
+    const RqNode* BlockOf(const RqNode* node) const {
+        return m_records[m_recordOf.at(node)].m_pBlock;
+    }
+
+    static const RqNode* ProjectionOfBlock(const RqNode* block) {
+        const RqNode* projection =
+            block != nullptr ? Slot(*block, RqList::kProjectionChild) : nullptr;
+        return IsExactly(projection, kRqProjection) ? projection : nullptr;
+    }
+
+    // The projection a list exposes to its readers, found through the children the walk has
+    // seen (never through the list's own getters, which may assume a well-formed list).
+    const RqNode* ExposedProjection(const RqNode* list) const {
+        std::unordered_set<const RqNode*> seen;
+        while (list != nullptr && seen.insert(list).second) {
+            switch (list->GetObjectType()) {
+                case kRqList:
+                    return ProjectionOfBlock(list);
+                case kRqUnion:
+                case kRqIntersect:
+                case kRqExcept:
+                case kRqBreakFilter:
+                case kRqCacheList:
+                    list = Slot(*list, 0);
+                    break;
+                case kRqSharedList: {
+                    const RqAbstractList* shared =
+                        static_cast<const RqSharedList*>(list)->GetSharedRqList();
+                    list = IsLive(shared) ? shared : nullptr;
+                    break;
+                }
+                default:
+                    return nullptr;
+            }
+        }
+        return nullptr;
+    }
+
+    static bool HasColumnNumber(const RqNode* projection, int columnNumber) {
+        if (projection == nullptr)
+            return false;
+        for (int i = 0; i < projection->GetNumChildren(); ++i) {
+            const RqNode* column = projection->GetIthChild(i);
+            if (IsExactly(column, kRqDerivedColumn) &&
+                static_cast<const RqDerivedColumn*>(column)->GetColumnNum() == columnNumber) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // The projections that the derived tables of a block's FROM clause expose.
+    void CollectFromProjections(const RqNode* block, std::vector<const RqNode*>& out) const {
+        const RqNode* joinSpec = Slot(*block, RqList::kJoinSpecChild);
+        if (!IsExactly(joinSpec, kRqJoinSpec))
+            return;
+        std::vector<const RqNode*> work{joinSpec};
+        while (!work.empty()) {
+            const RqNode* node = work.back();
+            work.pop_back();
+            if (IsExactly(node, kRqDerivedTable)) {
+                if (const RqNode* projection = ExposedProjection(Slot(*node, 0))) {
+                    out.push_back(projection);
+                }
+                continue;
+            }
+            for (int i = 0; i < node->GetNumChildren(); ++i) {
+                const RqNode* child = node->GetIthChild(i);
+                // Join conditions and nested blocks hold no table of this FROM clause.
+                if (child != nullptr && !child->IsExpr() && !child->IsKindOf(kRqAbstractList)) {
+                    work.push_back(child);
+                }
+            }
+        }
+    }
+
+    // The block whose FROM clause a block inside an expression subquery also reads: the
+    // block holding the subquery. Null for a block that is not inside a subquery (a derived
+    // table's block, a set operation member read by a derived table, the top block).
+    const RqNode* CorrelationScopeOf(const RqNode* block) const {
+        bool bInSubquery = false;
+        for (const RqNode* p = Owner(block); p != nullptr; p = Owner(p)) {
+            if (IsExactly(p, kRqList))
+                return bInSubquery ? p : nullptr;
+            if (IsExactly(p, kRqDerivedTable))
+                return nullptr;
+            if (IsA(p, kRqExprSubquery))
+                bInSubquery = true;
+        }
+        return nullptr;
+    }
+
+    // The projections a reference in `block` may read: those its FROM clause exposes, and
+    // through correlation those of the blocks holding the subqueries it is in. Computed once
+    // per block.
+    const std::vector<const RqNode*>& VisibleProjections(const RqNode* block) {
+        auto it = m_visible.find(block);
+        if (it != m_visible.end())
+            return it->second;
+        std::vector<const RqNode*> visible;
+        CollectFromProjections(block, visible);
+        if (const RqNode* outer = CorrelationScopeOf(block)) {
+            const std::vector<const RqNode*>& outerVisible = VisibleProjections(outer);
+            visible.insert(visible.end(), outerVisible.begin(), outerVisible.end());
+        }
+        return m_visible.emplace(block, std::move(visible)).first->second;
+    }
+
+    // ---- Checks -----------------------------------------------------------------------------
+
+    void CheckNode(const NodeRecord& record) {
+        const RqNode& node = *record.m_pNode;
+        if (node.IsExpr()) {
+            CheckExpr(node);
+            return;
+        }
+        switch (node.GetObjectType()) {
+            case kRqHandleNode:
+                if (node.GetNumChildren() > 1) {
+                    Report(&node, RqViolation::kChildKind, L"holds more than one request");
+                }
+                break;
+            case kRqList:
+                CheckList(node);
+                break;
+            case kRqProjection:
+                CheckProjection(node);
+                break;
+            case kRqDerivedColumn:
+                if (node.GetNumChildren() != 1 || !IsA(node.GetIthChild(0), kRqExpr)) {
+                    Report(&node, RqViolation::kProjectionMember,
+                           L"a derived column holds exactly one expression");
+                }
+                break;
+            case kRqDetailFilter:
+            case kRqSummaryFilter:
+            case kRqHaving:
+                if (node.GetNumChildren() != 1 || !IsA(node.GetIthChild(0), kRqExprCond)) {
+                    Report(&node, RqViolation::kFilterShape,
+                           L"a filter holds exactly one condition");
+                }
+                break;
+            case kRqGroupBy:
+                CheckGroupBy(node);
+                break;
+            case kRqOrderBy:
+                CheckOrderBy(static_cast<const RqOrderBy&>(node));
+                break;
+            case kRqSortSpec:
+                CheckSortSpec(static_cast<const RqSortSpec&>(node));
+                CheckLeaf(node);
+                break;
+            case kRqJoinSpec:
+                CheckJoinSpec(node);
+                break;
+            case kRqJoinNode:
+                if (node.GetNumChildren() != 1 ||
+                    !IsExactly(node.GetIthChild(0), kRqTableReference)) {
+                    Report(&node, RqViolation::kChildKind,
+                           L"a join node holds exactly one table reference");
+                }
+                break;
+            case kRqTableReference:
+                CheckTableReference(node);
+                break;
+            case kRqDerivedTable:
+                if (node.GetNumChildren() != 1 || !IsA(node.GetIthChild(0), kRqAbstractList)) {
+                    Report(&node, RqViolation::kChildKind,
+                           L"a derived table holds exactly one inner list");
+                }
+                break;
+            case kRqBreakFilter:
+                CheckBreakFilter(static_cast<const RqBreakFilter&>(node));
+                break;
+            case kRqUnion:
+            case kRqIntersect:
+            case kRqExcept:
+                CheckSetOperation(node);
+                break;
+            case kRqCacheList:
+                if (node.GetNumChildren() > 1 ||
+                    (node.GetNumChildren() == 1 && !IsA(node.GetIthChild(0), kRqAbstractList))) {
+                    Report(&node, RqViolation::kChildKind, L"a cache list holds one list");
+                }
+                break;
+            case kRqSharedList:
+                CheckSharedList(static_cast<const RqSharedList&>(node));
+                CheckLeaf(node);
+                break;
+            case kRqNullNode:
+            case kRqJoinLink:
+            case kRqEntity:
+            case kRqAtomicTable:
+            case kRqOpaqueTable:
+            case kRqTransientOpaqueTable:
+            case kRqXSACacheTable:
+            case kRqVELDNativeTable:
+            case kRqExternalTable:
+                CheckLeaf(node);
+                break;
+            default:
+                // Write requests and the request kinds that rules pass through hold whatever
+                // their producers put there.
+                break;
+        }
+    }
+
+    void CheckLeaf(const RqNode& node) {
+        for (int i = 0; i < node.GetNumChildren(); ++i) {
+            if (node.GetIthChild(i) != nullptr) {
+                Report(node.GetIthChild(i), RqViolation::kChildKind,
+                       TypeName(node) + L" holds no children");
+            }
+        }
+    }
+
+    void CheckList(const RqNode& list) {
+        static constexpr RqNodeType_e kSlotKinds[RqList::kNumClauses] = {
+            kRqProjection, kRqJoinSpec, kRqDetailFilter, kRqSummaryFilter,
+            kRqGroupBy,    kRqHaving,   kRqOrderBy};
+        for (int i = 0; i < list.GetNumChildren(); ++i) {
+            const RqNode* clause = list.GetIthChild(i);
+            if (clause == nullptr)
+                continue;
+            if (i >= RqList::kNumClauses) {
+                Report(clause, RqViolation::kClauseSlot,
+                       L"a block has " + Num(RqList::kNumClauses) +
+                           L" clause slots; this is slot " + Num(i));
+            } else if (clause->GetObjectType() != kSlotKinds[i]) {
+                Report(clause, RqViolation::kClauseSlot,
+                       L"slot " + Num(i) + L" of a block holds an " +
+                           ZKString::FromUtf8(RqNodeTypeName(kSlotKinds[i])));
+            }
+        }
+        if (ProjectionOfBlock(&list) == nullptr) {
+            Report(&list, RqViolation::kClauseSlot, L"the block has no projection in slot 0");
+        }
+    }
+
+    void CheckProjection(const RqNode& projection) {
+        std::unordered_map<int, int> indexOfNumber;
+        for (int i = 0; i < projection.GetNumChildren(); ++i) {
+            const RqNode* member = projection.GetIthChild(i);
+            if (!IsExactly(member, kRqDerivedColumn)) {
+                Report(member != nullptr ? member : &projection, RqViolation::kProjectionMember,
+                       L"projection member " + Num(i) +
+                           (member != nullptr ? L" is not a derived column" : L" is absent"));
+                continue;
+            }
+            const int number = static_cast<const RqDerivedColumn*>(member)->GetColumnNum();
+            if (number < 0) {
+                Report(member, RqViolation::kColumnNumber,
+                       L"column number " + Num(number) + L": every column needs one");
+                continue;
+            }
+            auto [it, bInserted] = indexOfNumber.emplace(number, i);
+            if (!bInserted) {
+                Report(member, RqViolation::kDuplicateColumnNumber,
+                       L"column number " + Num(number) + L" is also the number of column " +
+                           Num(it->second));
+            }
+        }
+    }
+
+    void CheckGroupBy(const RqNode& groupBy) {
+        if (groupBy.GetNumChildren() > 2) {
+            Report(&groupBy, RqViolation::kChildKind,
+                   L"a group-by holds its columns and its granularity only");
+        }
+        for (int i = 0; i < groupBy.GetNumChildren() && i < 2; ++i) {
+            const RqNode* list = groupBy.GetIthChild(i);
+            if (list != nullptr && !IsA(list, kRqExprColumnListOrdered)) {
+                Report(list, RqViolation::kChildKind, L"a group-by holds column lists");
+            }
+        }
+    }
+
+    void CheckOrderBy(const RqOrderBy& orderBy) {
+        const int numSpecs = orderBy.GetNumSortSpecs();
+        if (orderBy.GetNumChildren() < numSpecs) {
+            Report(&orderBy, RqViolation::kChildKind,
+                   L"holds " + Num(orderBy.GetNumChildren()) + L" children for " + Num(numSpecs) +
+                       L" sort specs");
+        }
+        for (int i = 0; i < orderBy.GetNumChildren(); ++i) {
+            const RqNode* child = orderBy.GetIthChild(i);
+            const bool bSpecSlot = i < numSpecs;
+            if (bSpecSlot ? IsExactly(child, kRqSortSpec) : IsA(child, kRqExpr))
+                continue;
+            Report(child != nullptr ? child : &orderBy, RqViolation::kChildKind,
+                   L"child " + Num(i) + L" of an order-by must be " +
+                       (bSpecSlot ? L"a sort spec" : L"a push-down aggregate"));
+        }
+    }
+
+    void CheckSortSpec(const RqSortSpec& spec) {
+        const RqNode* orderBy = Owner(&spec);
+        if (!IsExactly(orderBy, kRqOrderBy)) {
+            // Only an order-by gives a sort spec a block; its container reports the misplacement.
+            return;
+        }
+        const RqNode* block = Owner(orderBy);
+        if (!IsExactly(block, kRqList) || ProjectionOfBlock(block) == nullptr)
+            return;
+        if (!HasColumnNumber(ProjectionOfBlock(block), spec.GetColumnNumber())) {
+            Report(&spec, RqViolation::kSortSpecColumn,
+                   L"column number " + Num(spec.GetColumnNumber()) +
+                       L" is not in the projection of " + PathOf(block));
+        }
+    }
+
+    void CheckJoinSpec(const RqNode& joinSpec) {
+        bool bSeenLink = false;
+        for (int i = 0; i < joinSpec.GetNumChildren(); ++i) {
+            const RqNode* child = joinSpec.GetIthChild(i);
+            if (IsExactly(child, kRqJoinLink)) {
+                bSeenLink = true;
+            } else if (!IsExactly(child, kRqJoinNode) || bSeenLink) {
+                Report(child != nullptr ? child : &joinSpec, RqViolation::kChildKind,
+                       L"child " + Num(i) +
+                           L": a join specification holds its join nodes, then its join links");
+            }
+        }
+    }
+
+    void CheckTableReference(const RqNode& reference) {
+        auto isSide = [](const RqNode* side) {
+            return IsA(side, kRqAbstractTable) || IsExactly(side, kRqTableReference);
+        };
+        if (reference.GetNumChildren() > 3) {
+            Report(&reference, RqViolation::kTableReferenceShape,
+                   L"holds " + Num(reference.GetNumChildren()) + L" children; at most 3");
+        }
+        const RqNode* left = Slot(reference, RqTableReference::kLeftChild);
+        const RqNode* right = Slot(reference, RqTableReference::kRightChild);
+        const RqNode* cond = Slot(reference, RqTableReference::kCondChild);
+        if (!isSide(left)) {
+            Report(left != nullptr ? left : &reference, RqViolation::kTableReferenceShape,
+                   left != nullptr ? ZKString(L"the left side is not a table")
+                                   : ZKString(L"the table reference has no left side"));
+        }
+        if (right != nullptr && !isSide(right)) {
+            Report(right, RqViolation::kTableReferenceShape, L"the right side is not a table");
+        }
+        if (cond != nullptr && !IsA(cond, kRqExprCond)) {
+            Report(cond, RqViolation::kTableReferenceShape, L"slot 2 holds the join condition");
+        }
+    }
+
+    void CheckBreakFilter(const RqBreakFilter& filter) {
+        if (filter.GetNumChildren() != 1 || !IsA(filter.GetIthChild(0), kRqAbstractList)) {
+            Report(&filter, RqViolation::kChildKind,
+                   L"a break filter holds exactly one inner list");
+            return;
+        }
+        const RqNode* projection = ExposedProjection(filter.GetIthChild(0));
+        if (projection == nullptr)
+            return;  // reported at the inner list
+        const int numColumns = projection->GetNumChildren();
+        for (uint16_t index : filter.BreakColumnIndexes()) {
+            if (index >= numColumns) {
+                Report(&filter, RqViolation::kBreakFilterIndex,
+                       L"break index " + Num(index) + L" is outside the inner projection of " +
+                           Num(numColumns) + L" columns");
+            }
+        }
+    }
+
+    void CheckSetOperation(const RqNode& operation) {
+        if (operation.GetNumChildren() == 0) {
+            Report(&operation, RqViolation::kChildKind, L"a set operation without members");
+        }
+        for (int i = 0; i < operation.GetNumChildren(); ++i) {
+            const RqNode* member = operation.GetIthChild(i);
+            if (!IsA(member, kRqAbstractList)) {
+                Report(member != nullptr ? member : &operation, RqViolation::kChildKind,
+                       L"member " + Num(i) + L" of a set operation is not a list");
+            }
+        }
+    }
+
+    void CheckSharedList(const RqSharedList& shared) {
+        const RqAbstractList* target = shared.GetSharedRqList();
+        if (target == nullptr) {
+            Report(&shared, RqViolation::kSharedListTarget, L"names no shared list");
+        } else if (!IsLive(target)) {
+            Report(&shared, RqViolation::kSharedListTarget, L"names a list outside this tree");
+        }
+    }
+
+    // ---- Expressions ------------------------------------------------------------------------
+
+    void CheckExpr(const RqNode& expr) {
+        const RqNodeType_e kind = expr.GetObjectType();
+        const int numOperands = expr.GetNumChildren();
+        const int maxOperands = RqNodeTypeMaxOperands(kind);
+        if (expr.IsKindOf(kRqExprAggr)) {
+            CheckAggr(expr, numOperands, maxOperands);
+        } else {
+            const int minOperands = RqNodeTypeMinOperands(kind);
+            if (numOperands < minOperands || (maxOperands >= 0 && numOperands > maxOperands)) {
+                Report(&expr, RqViolation::kOperandCount,
+                       OperandRange(numOperands, minOperands, maxOperands));
+            }
+            const bool bSubquery = expr.IsKindOf(kRqExprSubquery);
+            for (int i = 0; i < numOperands; ++i) {
+                const RqNode* operand = expr.GetIthChild(i);
+                if (operand == nullptr) {
+                    Report(&expr, RqViolation::kOperandCount, L"operand " + Num(i) + L" is absent");
+                } else if (bSubquery ? !operand->IsKindOf(kRqAbstractList) : !operand->IsExpr()) {
+                    Report(operand, RqViolation::kChildKind,
+                           bSubquery ? ZKString(L"a subquery's operand is a list")
+                                     : ZKString(L"an expression's operands are expressions"));
+                }
+            }
+        }
+        if (IsExactly(&expr, kRqDerivedColumnReference)) {
+            CheckReference(static_cast<const RqDerivedColumnReference&>(expr));
+        }
+    }
+
+    static ZKString OperandRange(int numOperands, int minOperands, int maxOperands) {
+        return Num(numOperands) + L" operands; the kind takes " + Num(minOperands) +
+               (maxOperands >= 0 ? L" to " + Num(maxOperands) : ZKString(L" or more"));
+    }
+
+    void CheckAggr(const RqNode& aggr, int numOperands, int maxOperands) {
+        const int kFixed = RqExprAggr::kFirstParameter;
+        if (numOperands < kFixed ||
+            (maxOperands >= 0 && numOperands > std::max(maxOperands, kFixed))) {
+            Report(&aggr, RqViolation::kOperandCount,
+                   OperandRange(numOperands, kFixed,
+                                maxOperands >= 0 ? std::max(maxOperands, kFixed) : -1) +
+                       L" (measure, by-list, compute break, parameters)");
+        }
+        for (int i = 0; i < numOperands; ++i) {
+            const RqNode* operand = aggr.GetIthChild(i);
+            if (i == RqExprAggr::kByList || i == RqExprAggr::kComputeBreak) {
+                if (operand != nullptr && !IsA(operand, kRqExprColumnList)) {
+                    Report(operand, RqViolation::kChildKind,
+                           i == RqExprAggr::kByList
+                               ? ZKString(L"an aggregate's by-list is a column list")
+                               : ZKString(L"an aggregate's compute break is a column list"));
+                }
+            } else if (operand != nullptr && !operand->IsExpr()) {
+                Report(operand, RqViolation::kChildKind,
+                       L"an aggregate's operands are expressions");
+            } else if (operand == nullptr && i >= kFixed) {
+                Report(&aggr, RqViolation::kOperandCount,
+                       L"parameter " + Num(i - kFixed) + L" is absent");
+            }
+        }
+        const auto* sorted = dynamic_cast<const RqExprSortDependentAggr*>(&aggr);
+        if (sorted == nullptr)
+            return;
+        const RqNode* block = BlockOf(&aggr);
+        const RqNode* projection = ProjectionOfBlock(block);
+        if (projection == nullptr)
+            return;  // no block to name columns of: reported elsewhere
+        for (const RqExprSortDependentAggr::SortKey& key : sorted->GetSortSpec()) {
+            if (!HasColumnNumber(projection, key.m_columnNumber)) {
+                Report(&aggr, RqViolation::kAggrSortKeyColumn,
+                       L"sort key column number " + Num(key.m_columnNumber) +
+                           L" is not in the projection of " + PathOf(block));
+            }
+        }
+    }
+
+    void CheckReference(const RqDerivedColumnReference& reference) {
+        const RqDerivedColumn* column = reference.GetDerivedColumn();
+        if (column == nullptr) {
+            Report(&reference, RqViolation::kDanglingReference,
+                   L"refers to no column (never set, or its column was destroyed)");
+            return;
+        }
+        if (!IsLive(column)) {
+            Report(&reference, RqViolation::kDanglingReference,
+                   L"refers to column " + Num(column->GetColumnNum()) + L" outside this tree");
+            return;
+        }
+        const RqNode* block = BlockOf(&reference);
+        if (block == nullptr) {
+            Report(&reference, RqViolation::kReferenceOutOfScope, L"the reference is in no block");
+            return;
+        }
+        const std::vector<const RqNode*>& visible = VisibleProjections(block);
+        if (std::find(visible.begin(), visible.end(), Owner(column)) != visible.end())
+            return;
+        Report(&reference, RqViolation::kReferenceOutOfScope,
+               L"refers to " + PathOf(column) +
+                   L", which no derived table of its block (or, through a subquery, of an "
+                   L"enclosing block) exposes");
+    }
+
+    std::vector<NodeRecord> m_records;
+    std::unordered_map<const RqNode*, size_t> m_recordOf;
+    std::vector<RqViolation> m_violations;
+    std::unordered_map<const RqNode*, std::vector<const RqNode*>> m_visible;
+};
+
+}  // namespace
+
+std::vector<RqViolation> RqVerifier::Verify(const RqNode& root) {
+    return Verification(root).Run();
+}
+
+ZKString RqVerifier::Describe(const std::vector<RqViolation>& violations) {
+    ZKString text;
+    for (const RqViolation& violation : violations) {
+        if (!text.empty())
+            text += L"\n";
+        text += ZKString(KindName(violation.m_kind)) + L" at " + violation.m_path + L": " +
+                violation.m_message;
+    }
+    return text;
+}
+
+const wchar_t* RqVerifier::KindName(RqViolation::Kind kind) {
+    switch (kind) {
+        case RqViolation::kParentLink:
+            return L"kParentLink";
+        case RqViolation::kSharedNode:
+            return L"kSharedNode";
+        case RqViolation::kClauseSlot:
+            return L"kClauseSlot";
+        case RqViolation::kProjectionMember:
+            return L"kProjectionMember";
+        case RqViolation::kColumnNumber:
+            return L"kColumnNumber";
+        case RqViolation::kDuplicateColumnNumber:
+            return L"kDuplicateColumnNumber";
+        case RqViolation::kDanglingReference:
+            return L"kDanglingReference";
+        case RqViolation::kReferenceOutOfScope:
+            return L"kReferenceOutOfScope";
+        case RqViolation::kSortSpecColumn:
+            return L"kSortSpecColumn";
+        case RqViolation::kAggrSortKeyColumn:
+            return L"kAggrSortKeyColumn";
+        case RqViolation::kBreakFilterIndex:
+            return L"kBreakFilterIndex";
+        case RqViolation::kTableReferenceShape:
+            return L"kTableReferenceShape";
+        case RqViolation::kFilterShape:
+            return L"kFilterShape";
+        case RqViolation::kOperandCount:
+            return L"kOperandCount";
+        case RqViolation::kChildKind:
+            return L"kChildKind";
+        case RqViolation::kSharedListTarget:
+            return L"kSharedListTarget";
+    }
+    return L"?";
+}

@@ -1,0 +1,57 @@
+#pragma once
+// Equivalence and orderings of request-tree expressions.
+//
+// Two expressions are equivalent when they have the same kind, the same own fields (see
+// RqExpr::CompareFields) and equivalent operands in order; two absent expressions are
+// equivalent. A derived column reference is equivalent to another when both read the same
+// column; when the column lies inside the compared expression itself (the block of a
+// subquery reading its own derived table), the two references must read the columns at
+// the same place in their own expressions, so that a deep copy is equivalent to its
+// original. The same rules compare any two nodes (table references, clauses, blocks);
+// non-expression nodes compare their own fields by kind.
+//
+// LessEquivalentRqExpr is the total order behind the equivalence: it answers "equal" (neither
+// is less) exactly for equivalent expressions, so it can key ordered containers of
+// expressions. RqShallowLessThan orders by kind and own fields only, ignoring operands.
+
+#include "Query/Optimizer/Request/SQORRqExpr.h"
+#include "Query/Optimizer/Request/SQORRqTreeVector.h"
+
+class RqEquivalence {
+  public:
+    constexpr RqEquivalence() = default;
+
+    bool operator()(const RqExpr& a, const RqExpr& b) const;
+    // Null equals null and nothing else.
+    bool operator()(const RqExpr* a, const RqExpr* b) const;
+    bool operator()(const RqNode& a, const RqNode& b) const;
+    bool operator()(const RqNode* a, const RqNode* b) const;
+
+    // The three-way comparison that both the equivalence and LessEquivalentRqExpr use: zero
+    // for equivalent nodes; null orders before any node.
+    static int Compare(const RqNode* a, const RqNode* b);
+};
+
+// Strict weak order consistent with RqEquivalence.
+class LessEquivalentRqExpr {
+  public:
+    bool operator()(const RqExpr* a, const RqExpr* b) const {
+        return RqEquivalence::Compare(a, b) < 0;
+    }
+    bool operator()(const RqExpr& a, const RqExpr& b) const {
+        return RqEquivalence::Compare(&a, &b) < 0;
+    }
+};
+
+// Strict weak order on the kind and the own fields of two expressions, not their operands.
+class RqShallowLessThan {
+  public:
+    bool operator()(const RqExpr* a, const RqExpr* b) const;
+    bool operator()(const RqExpr& a, const RqExpr& b) const { return (*this)(&a, &b); }
+    // Negative, zero or positive; null orders first.
+    static int Compare(const RqExpr* a, const RqExpr* b);
+};
+
+// The two vectors have the same size and are pairwise equivalent, in order.
+bool EquivalentVectorExprs(const RqExprVector& a, const RqExprVector& b,
+                           const RqEquivalence& equivalence = RqEquivalence());

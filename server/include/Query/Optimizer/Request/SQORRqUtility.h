@@ -1,0 +1,149 @@
+#pragma once
+// Searching the request tree (node collectors, ancestor lookups, equivalent sub-expressions,
+// derived column references), naming a node by its path from the root, and the compact
+// one-line text of a node or an expression used in diagnostics and tests.
+//
+// Every walk here keeps its own stack, so a deep tree (a long chain of ANDs, a deeply nested
+// block) costs heap, not call stack.
+
+#include <type_traits>
+#include <vector>
+
+#include "Platform/ZKString.h"
+#include "Query/Optimizer/Request/SQORRqExpr.h"
+#include "Query/Optimizer/Request/SQORRqNode.h"
+#include "Query/Optimizer/Request/SQORRqTreeVector.h"
+
+class ARpGateway;
+class RqList;
+
+// ---- Node collectors ------------------------------------------------------------------------
+
+namespace RqUtilityDetail {
+// Calls `pred` with the node as the predicate accepts it: `const RqNode*` when it can,
+// otherwise `RqNode*` (the collectors never change a node themselves).
+template <class Pred>
+bool Test(Pred& pred, const RqNode* node) {
+    if constexpr (std::is_invocable_r_v<bool, Pred&, const RqNode*>) {
+        return pred(node);
+    } else {
+        return pred(const_cast<RqNode*>(node));
+    }
+}
+}  // namespace RqUtilityDetail
+
+// Appends to `out`, in pre-order and child order, every node of the subtree of `root` (the
+// root included) that satisfies `pred`. With `bDescendIntoMatches` false the walk does not
+// enter the subtree below a match. Null children are skipped.
+template <class Pred>
+void FindNodes(RqNode* root, Pred pred, RqNodeVector& out, bool bDescendIntoMatches = true) {
+    if (root == nullptr) return;
+    std::vector<RqNode*> work{root};
+    while (!work.empty()) {
+        RqNode* node = work.back();
+        work.pop_back();
+        if (RqUtilityDetail::Test(pred, node)) {
+            out.push_back(node);
+            if (!bDescendIntoMatches) continue;
+        }
+        for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
+            if (RqNode* child = node->GetIthChild(i)) work.push_back(child);
+        }
+    }
+}
+
+// True when some node of the subtree of `root` (the root included) satisfies `pred`.
+template <class Pred>
+bool FoundNodes(const RqNode* root, Pred pred) {
+    if (root == nullptr) return false;
+    std::vector<const RqNode*> work{root};
+    while (!work.empty()) {
+        const RqNode* node = work.back();
+        work.pop_back();
+        if (RqUtilityDetail::Test(pred, node)) return true;
+        for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
+            if (const RqNode* child = node->GetIthChild(i)) work.push_back(child);
+        }
+    }
+    return false;
+}
+
+// As FindNodes without descending below a match: appends the outermost matching nodes, in
+// pre-order, cast to T. Every node that `pred` accepts must be a T.
+template <class T, class Pred>
+void FindTableNodes(RqNode* root, Pred pred, std::vector<T*>& out) {
+    RqNodeVector found;
+    FindNodes(root, pred, found, false);
+    for (RqNode* node : found) {
+        T* typed = dynamic_cast<T*>(node);
+        ZK_ASSERT(typed != nullptr);
+        out.push_back(typed);
+    }
+}
+
+// ---- Ancestors, children and paths ----------------------------------------------------------
+
+class RqNodeUtility {
+public:
+    // The nearest RqList strictly above `node` (never the node itself), or null.
+    static RqList* GetParentRqList(RqNode* node);
+    static const RqList* GetParentRqList(const RqNode* node);
+    // The nearest list of any kind (block, set operation, break filter, ...) strictly above
+    // `node`, or null.
+    static RqAbstractList* GetParentAbstractList(RqNode* node);
+    // The nearest ancestor (never the node itself) of one of the kinds, or null.
+    static RqNode* GetParentNodeOfType(RqNode* node, const RqNode::IsObjectType& type);
+    static const RqNode* GetParentNodeOfType(const RqNode* node,
+                                             const RqNode::IsObjectType& type);
+    // The top of the tree that holds `node` (the node itself when it has no parent).
+    static RqNode* GetRoot(RqNode* node);
+    // True when `ancestor` is `node` or lies above it.
+    static bool IsAncestorOrSelf(const RqNode* ancestor, const RqNode* node);
+    // The lists directly below `node`: the outermost RqAbstractList nodes of its subtree,
+    // the node itself excluded (the inner lists of its derived tables, the members of a set
+    // operation, the inner list of a break filter, the query blocks of subqueries), in
+    // pre-order. Lists nested inside those are not included.
+    static void GetChildRqLists(RqNode* node, RqAbstractListVector& out);
+    // The first of those lists, or null.
+    static RqAbstractList* GetChildRqList(RqNode* node);
+    // Names the node by its place in the tree: the kind name of the root, then for each node
+    // on the way down its kind name and its index among its parent's children, joined by
+    // "/", e.g. "RqHandleNode/RqList[0]/RqJoinSpec[1]/RqJoinNode[0]". Null gives "<null>".
+    static ZKString GetPath(const RqNode* node);
+    // The class name of the node's kind ("RqList"); "<null>" for null.
+    static ZKString GetKindName(const RqNode* node);
+    // The node's own fields as space-separated words, without its kind, identity, target or
+    // children: "label=inner distinct limit=10" for a block, "#3 DESC" for a sort key, ...
+    // Empty for a node without fields and for expressions (their text is ToString's).
+    static ZKString GetFieldsText(const RqNode* node, ARpGateway* rp = nullptr);
+};
+
+// ---- Expressions ----------------------------------------------------------------------------
+
+class SubExprFinder {
+public:
+    // The first sub-expression of `root` (the root included), in pre-order over the
+    // operands, that is equivalent to `pattern` (RqEquivalence); null when there is none.
+    // Query blocks below subqueries are not searched.
+    static const RqExpr* FindEquivalentSubExpr(const RqExpr* root, const RqExpr& pattern);
+    static RqExpr* FindEquivalentSubExpr(RqExpr* root, const RqExpr& pattern);
+};
+
+class RqExprUtility {
+public:
+    // Appends every RqDerivedColumnReference of the subtree of `node` (the node included),
+    // in pre-order, including those inside the query blocks of subqueries.
+    static void GetAllDerivedColumnReferences(const RqNode* node,
+                                              RqDerivedColumnReferenceVector& out);
+};
+
+// ---- Text -----------------------------------------------------------------------------------
+
+// A deterministic one-line text of a node. An expression is written in a compact infix form
+// (see SQORRqUtility.cpp for the forms); any other node as its kind name followed by its own
+// fields and, for nodes that hold expressions directly (derived columns, filters, GROUP BY),
+// ": " and the text of those expressions. With a gateway, repository names are looked up for
+// target columns and tables that carry no name of their own. Null gives "<null>".
+ZKString ToString(const RqNode* node, ARpGateway* rp = nullptr);
+// "(" + the texts of the expressions joined by ", " + ")".
+ZKString ToString(const RqExprVector& exprs, ARpGateway* rp = nullptr);

@@ -1,0 +1,459 @@
+// Conversion of conditions to conjunctive normal form. Besides exact shapes for small cases,
+// random conditions are converted and both forms are evaluated under every assignment of
+// true, false and unknown to their predicates: the conversion claims equivalence under SQL's
+// three-valued logic, so it must hold there, not only for two values.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+
+#include "Query/Optimizer/Request/SQORRqBuilder.h"
+#include "Query/Optimizer/Request/SQORRqUtility.h"
+#include "Query/Optimizer/Request/SQORToCNF.h"
+
+using namespace rqb;
+
+namespace {
+
+std::string U(const RqNode* node) { return ToString(node).ToUtf8(); }
+
+RqExprCond* AsCond(RqExpr* expr) { return static_cast<RqExprCond*>(expr); }
+
+// Predicates over columns of table 1 compared with 0.
+RqExprCond* P(const wchar_t* column) { return Eq(Col(column, 1), Int(0)); }
+
+std::vector<std::string> Texts(const std::vector<RqExprCond*>& conds) {
+    std::vector<std::string> out;
+    for (const RqExprCond* cond : conds) out.push_back(U(cond));
+    return out;
+}
+
+std::vector<std::string> Convert(RqExpr* cond, bool bFlattenNot, size_t maxConjuncts = SIZE_MAX) {
+    Heap<RqExpr> owner(cond);
+    ToCNF cnf(AsCond(cond), bFlattenNot, true, maxConjuncts);
+    cnf.GenerateCNF();
+    EXPECT_TRUE(cnf.GetConversionSuccess());
+    std::vector<RqExprCond*> conjuncts;
+    cnf.GetConjuncts(conjuncts);
+    return Texts(conjuncts);
+}
+
+// ---- Three-valued evaluation ------------------------------------------------------------------
+
+enum Truth { kFalse = 0, kUnknown = 1, kTrue = 2 };
+using Assignment = std::map<std::string, int>;
+
+// The variable a predicate reads and whether it reads it negated: x = 0 and x <> 0 read the
+// same variable, as do x < 0 and x >= 0, and x > 0 and x <= 0.
+std::pair<std::string, bool> Variable(const RqExpr& pred) {
+    const std::string column = pred.GetNumOperands() > 0 ? U(pred.GetIthOperand(0)) : "?";
+    switch (pred.GetObjectType()) {
+        case kRqExprCondEquality:
+            return {column + "=", false};
+        case kRqExprCondNotEqual:
+            return {column + "=", true};
+        case kRqExprCondLess:
+            return {column + "<", false};
+        case kRqExprCondGreaterEqual:
+            return {column + "<", true};
+        case kRqExprCondGreater:
+            return {column + ">", false};
+        case kRqExprCondLessEqual:
+            return {column + ">", true};
+        default:
+            return {U(&pred), false};
+    }
+}
+
+int Evaluate(const RqExpr* expr, const Assignment& values) {
+    switch (expr->GetObjectType()) {
+        case kRqExprCondAnd: {
+            int value = kTrue;
+            for (int i = 0; i < expr->GetNumOperands(); ++i) value = std::min(value, Evaluate(expr->GetIthOperand(i), values));
+            return value;
+        }
+        case kRqExprCondOr: {
+            int value = kFalse;
+            for (int i = 0; i < expr->GetNumOperands(); ++i) value = std::max(value, Evaluate(expr->GetIthOperand(i), values));
+            return value;
+        }
+        case kRqExprCondNot:
+            return kTrue - Evaluate(expr->GetIthOperand(0), values);
+        default: {
+            const auto [name, bNegated] = Variable(*expr);
+            const int value = values.at(name);
+            return bNegated ? kTrue - value : value;
+        }
+    }
+}
+
+void CollectVariables(const RqExpr* expr, std::set<std::string>& out) {
+    const RqNodeType_e kind = expr->GetObjectType();
+    if (kind == kRqExprCondAnd || kind == kRqExprCondOr || kind == kRqExprCondNot) {
+        for (int i = 0; i < expr->GetNumOperands(); ++i) CollectVariables(expr->GetIthOperand(i), out);
+        return;
+    }
+    out.insert(Variable(*expr).first);
+}
+
+// Calls `check` with every assignment of the three truth values to the variables.
+template <class F>
+void ForEachAssignment(const std::set<std::string>& variables, F check) {
+    std::vector<std::string> names(variables.begin(), variables.end());
+    size_t count = 1;
+    for (size_t i = 0; i < names.size(); ++i) count *= 3;
+    for (size_t code = 0; code < count; ++code) {
+        Assignment values;
+        size_t rest = code;
+        for (const std::string& name : names) {
+            values[name] = static_cast<int>(rest % 3);
+            rest /= 3;
+        }
+        check(values);
+    }
+}
+
+// A literal of the CNF: no AND or OR inside; when NOT was flattened, a NOT only over a
+// predicate that has no opposite comparison.
+bool IsLiteral(const RqExpr* expr, bool bFlattenNot) {
+    const RqNodeType_e kind = expr->GetObjectType();
+    if (kind == kRqExprCondAnd || kind == kRqExprCondOr) return false;
+    if (kind != kRqExprCondNot || !bFlattenNot) return true;
+    const RqNodeType_e inner = expr->GetIthOperand(0)->GetObjectType();
+    return inner == kRqExprCondIsNull || inner == kRqExprCondLike;
+}
+
+// A random condition over a small set of predicates, with AND, OR and NOT up to `depth`.
+RqExpr* RandomCond(std::mt19937& random, int depth) {
+    std::uniform_int_distribution<int> pick(0, 9);
+    const int choice = depth == 0 ? pick(random) % 4 : pick(random);
+    const wchar_t* columns[] = {L"a", L"b", L"c", L"d"};
+    const wchar_t* column = columns[pick(random) % 4];
+    switch (choice) {
+        case 0:
+            return Eq(Col(column, 1), Int(0));
+        case 1:
+            return Ne(Col(column, 1), Int(0));
+        case 2:
+            return (pick(random) % 2 == 0) ? Lt(Col(L"a", 1), Int(0)) : Ge(Col(L"a", 1), Int(0));
+        case 3:
+            return IsNull(Col(L"b", 1));
+        case 4:
+        case 5:
+            return And(RandomCond(random, depth - 1), RandomCond(random, depth - 1));
+        case 6:
+        case 7:
+            return Or(RandomCond(random, depth - 1), RandomCond(random, depth - 1));
+        default:
+            return Not(RandomCond(random, depth - 1));
+    }
+}
+
+}  // namespace
+
+// ---- Shapes --------------------------------------------------------------------------------------
+
+TEST(CNFTest, DistributesOrOverAndLeftConjunctVaryingSlowest) {
+    EXPECT_EQ(Convert(Or(And(P(L"a"), P(L"b")), And(P(L"c"), P(L"d"))), true),
+              (std::vector<std::string>{"T1.a = 0 OR T1.c = 0", "T1.a = 0 OR T1.d = 0", "T1.b = 0 OR T1.c = 0",
+                                        "T1.b = 0 OR T1.d = 0"}));
+    // Already in CNF: the conjuncts are the top-level operands, in order.
+    EXPECT_EQ(Convert(And(And(P(L"a"), Or(P(L"b"), P(L"c"))), P(L"d")), true),
+              (std::vector<std::string>{"T1.a = 0", "T1.b = 0 OR T1.c = 0", "T1.d = 0"}));
+    EXPECT_EQ(Convert(P(L"a"), false), (std::vector<std::string>{"T1.a = 0"}));
+}
+
+TEST(CNFTest, FlatteningNotUsesDeMorganAndOppositeComparisons) {
+    // NOT (a = 0 OR (b < 0 AND NOT c IS NULL))  ->  a <> 0 AND (b >= 0 OR c IS NULL)
+    EXPECT_EQ(Convert(Not(Or(P(L"a"), And(Lt(Col(L"b", 1), Int(0)), Not(IsNull(Col(L"c", 1)))))), true),
+              (std::vector<std::string>{"T1.a <> 0", "T1.b >= 0 OR T1.c IS NULL"}));
+    EXPECT_EQ(Convert(Not(Not(P(L"a"))), true), (std::vector<std::string>{"T1.a = 0"}));
+    EXPECT_EQ(Convert(Not(And(Gt(Col(L"a", 1), Int(0)), Le(Col(L"b", 1), Int(0)))), true),
+              (std::vector<std::string>{"T1.a <= 0 OR T1.b > 0"}));
+    // A predicate without an opposite keeps its NOT.
+    EXPECT_EQ(Convert(Not(Or(IsNull(Col(L"a", 1)), Like(Col(L"b", 1), Str(L"x%")))), true),
+              (std::vector<std::string>{"NOT (T1.a IS NULL)", "NOT (T1.b LIKE 'x%')"}));
+}
+
+TEST(CNFTest, WithoutFlatteningANotIsOneLiteral) {
+    EXPECT_EQ(Convert(And(Not(Or(P(L"a"), P(L"b"))), P(L"c")), false),
+              (std::vector<std::string>{"NOT (T1.a = 0 OR T1.b = 0)", "T1.c = 0"}));
+    EXPECT_EQ(Convert(Or(Not(And(P(L"a"), P(L"b"))), And(P(L"c"), P(L"d"))), false),
+              (std::vector<std::string>{"NOT (T1.a = 0 AND T1.b = 0) OR T1.c = 0",
+                                        "NOT (T1.a = 0 AND T1.b = 0) OR T1.d = 0"}));
+}
+
+TEST(CNFTest, RepeatedLiteralsAndConjunctsAreMerged) {
+    EXPECT_EQ(Convert(And(And(P(L"a"), P(L"b")), P(L"a")), true), (std::vector<std::string>{"T1.a = 0", "T1.b = 0"}));
+    EXPECT_EQ(Convert(Or(Or(P(L"a"), P(L"b")), P(L"a")), true), (std::vector<std::string>{"T1.a = 0 OR T1.b = 0"}));
+    EXPECT_EQ(Convert(And(Or(P(L"a"), P(L"b")), Or(P(L"b"), P(L"a"))), true),
+              (std::vector<std::string>{"T1.a = 0 OR T1.b = 0"}));
+    // Literals are compared after NOT is flattened: NOT (a <> 0) is a = 0.
+    EXPECT_EQ(Convert(And(Not(Ne(Col(L"a", 1), Int(0))), P(L"a")), true), (std::vector<std::string>{"T1.a = 0"}));
+    // Only repetitions go: absorption is not applied.
+    EXPECT_EQ(Convert(Or(And(P(L"a"), P(L"b")), And(P(L"a"), P(L"b"))), true),
+              (std::vector<std::string>{"T1.a = 0", "T1.a = 0 OR T1.b = 0", "T1.b = 0"}));
+}
+
+TEST(CNFTest, RandomConditionsKeepTheirMeaningUnderThreeValuedLogic) {
+    std::mt19937 random(20240229);
+    for (int round = 0; round < 300; ++round) {
+        Heap<RqExpr> cond(RandomCond(random, 4));
+        const std::string before = U(cond.Get());
+        for (bool bFlattenNot : {true, false}) {
+            SCOPED_TRACE(before + (bFlattenNot ? " (flattened)" : " (NOT kept)"));
+            ToCNF cnf(AsCond(cond.Get()), bFlattenNot, true);
+            cnf.GenerateCNF();
+            ASSERT_TRUE(cnf.GetConversionSuccess());
+            std::vector<RqExpr*> conjuncts;
+            cnf.GetConjuncts(conjuncts);
+            ASSERT_FALSE(conjuncts.empty());
+
+            std::set<std::set<std::string>> seenConjuncts;
+            for (const RqExpr* conjunct : conjuncts) {
+                std::vector<const RqExpr*> literals;
+                ToCNF::HarvestDisjuncts(conjunct, literals);
+                std::set<std::string> texts;
+                for (const RqExpr* literal : literals) {
+                    EXPECT_TRUE(IsLiteral(literal, bFlattenNot)) << U(conjunct);
+                    EXPECT_TRUE(texts.insert(U(literal)).second) << "repeated literal in " << U(conjunct);
+                }
+                EXPECT_TRUE(seenConjuncts.insert(texts).second) << "repeated conjunct " << U(conjunct);
+            }
+
+            std::set<std::string> variables;
+            CollectVariables(cond.Get(), variables);
+            ForEachAssignment(variables, [&](const Assignment& values) {
+                int converted = kTrue;
+                for (const RqExpr* conjunct : conjuncts) converted = std::min(converted, Evaluate(conjunct, values));
+                ASSERT_EQ(Evaluate(cond.Get(), values), converted);
+            });
+        }
+        EXPECT_EQ(U(cond.Get()), before);
+    }
+}
+
+// ---- Size limit -----------------------------------------------------------------------------------
+
+TEST(CNFTest, ExceedingTheLimitReportsFailureAndKeepsTheConditionUnconverted) {
+    Heap<RqExpr> cond(Or(And(And(P(L"a"), P(L"b")), P(L"c")), And(And(P(L"d"), P(L"e")), P(L"f"))));
+    const std::string before = U(cond.Get());
+
+    ToCNF tight(AsCond(cond.Get()), true, true, 8);
+    tight.GenerateCNF();
+    EXPECT_FALSE(tight.GetConversionSuccess());
+    std::vector<RqExprCond*> conjuncts;
+    tight.GetConjuncts(conjuncts);
+    ASSERT_EQ(conjuncts.size(), 1u);
+    EXPECT_NE(conjuncts[0], cond.Get());
+    EXPECT_EQ(U(conjuncts[0]), before);
+    EXPECT_EQ(U(cond.Get()), before);
+
+    ToCNF enough(AsCond(cond.Get()), true, true, 9);
+    enough.GenerateCNF();
+    EXPECT_TRUE(enough.GetConversionSuccess());
+    EXPECT_EQ(enough.GetNumConjuncts(), 9u);
+
+    // The limit applies to conjunctions too.
+    EXPECT_EQ(Convert(And(P(L"a"), P(L"b")), true, 2).size(), 2u);
+    Heap<RqExpr> three(And(And(P(L"a"), P(L"b")), P(L"c")));
+    ToCNF conjunction(AsCond(three.Get()), true, true, 2);
+    conjunction.GenerateCNF();
+    EXPECT_FALSE(conjunction.GetConversionSuccess());
+    EXPECT_EQ(conjunction.GetNumConjuncts(), 1u);
+}
+
+TEST(CNFTest, AFailedConversionOfATakenOverConditionHandsBackTheConditionItself) {
+    RqExpr* cond = Or(And(P(L"a"), P(L"b")), And(P(L"c"), P(L"d")));
+    const std::string before = U(cond);
+    ToCNF cnf(AsCond(cond), false, false, 3);
+    cnf.GenerateCNF();
+    EXPECT_FALSE(cnf.GetConversionSuccess());
+    std::vector<RqExprCond*> conjuncts;
+    cnf.GetConjuncts(conjuncts);
+    ASSERT_EQ(conjuncts.size(), 1u);
+    EXPECT_EQ(conjuncts[0], cond);
+    EXPECT_EQ(U(cond), before);
+}
+
+// ---- Ownership ------------------------------------------------------------------------------------
+
+TEST(CNFTest, TakingTheConditionOverReusesItsPredicates) {
+    RqExprCond* a = P(L"a");
+    RqExprCond* b = P(L"b");
+    RqExprCond* c = P(L"c");
+    RqExpr* cond = And(And(a, b), Or(c, Ne(Col(L"a", 1), Int(0))));
+    ToCNF cnf(AsCond(cond), true, false);
+    cnf.GenerateCNF();
+    std::vector<RqExprCond*> conjuncts;
+    cnf.GetConjuncts(conjuncts);
+    ASSERT_EQ(conjuncts.size(), 3u);
+    EXPECT_EQ(conjuncts[0], a);
+    EXPECT_EQ(conjuncts[1], b);
+    EXPECT_EQ(conjuncts[2]->GetIthOperand(0), c);
+    for (RqExprCond* conjunct : conjuncts) EXPECT_EQ(conjunct->GetParent(), nullptr);
+
+    // A predicate used by several conjuncts is copied for all but one of them.
+    RqExprCond* shared = P(L"s");
+    ToCNF distributed(AsCond(Or(shared, And(P(L"x"), P(L"y")))), true, false);
+    distributed.GenerateCNF();
+    distributed.GetConjuncts(conjuncts);
+    ASSERT_EQ(conjuncts.size(), 2u);
+    EXPECT_EQ(U(conjuncts[0]), "T1.s = 0 OR T1.x = 0");
+    EXPECT_EQ(U(conjuncts[1]), "T1.s = 0 OR T1.y = 0");
+    EXPECT_NE(conjuncts[0]->GetIthOperand(0), conjuncts[1]->GetIthOperand(0));
+    EXPECT_TRUE(conjuncts[0]->GetIthOperand(0) == shared || conjuncts[1]->GetIthOperand(0) == shared);
+
+    // A condition that is one predicate is its own conjunct.
+    RqExprCond* single = P(L"z");
+    ToCNF whole(single, true, false);
+    whole.GenerateCNF();
+    whole.GetConjuncts(conjuncts);
+    ASSERT_EQ(conjuncts.size(), 1u);
+    EXPECT_EQ(conjuncts[0], single);
+}
+
+TEST(CNFTest, ReleasedConjunctsBelongToTheCaller) {
+    Heap<RqExpr> cond(And(P(L"a"), Or(P(L"b"), And(P(L"c"), P(L"d")))));
+    ToCNF cnf(AsCond(cond.Get()), true, true);
+    cnf.GenerateCNF();
+    std::vector<RqExprCond*> released;
+    cnf.ReleaseConjuncts(released);
+    EXPECT_EQ(cnf.GetNumConjuncts(), 0u);
+    ASSERT_EQ(Texts(released), (std::vector<std::string>{"T1.a = 0", "T1.b = 0 OR T1.c = 0", "T1.b = 0 OR T1.d = 0"}));
+    for (RqExprCond* conjunct : released) delete conjunct;
+
+    ToCNF whole(AsCond(cond.Get()), true, true);
+    whole.GenerateCNF();
+    Heap<RqExpr> conjunction(whole.ReleaseAsCondition());
+    EXPECT_EQ(U(conjunction.Get()), "T1.a = 0 AND (T1.b = 0 OR T1.c = 0) AND (T1.b = 0 OR T1.d = 0)");
+    EXPECT_EQ(whole.GetNumConjuncts(), 0u);
+}
+
+TEST(CNFTest, NewNodesCarryTheTargetOfWhatTheyReplace) {
+    const VoidID db(1, 7);
+    const VoidID other(1, 8);
+    RqExprCond* compared = Lt(Col(L"a", 1), Int(0));
+    compared->MarkTargetType(ServerInfo::kAnsiSql);
+    compared->MarkTargetID(other);
+    Heap<RqExpr> cond(Not(And(compared, IsNull(Col(L"b", 1)))));
+    cond->MarkTargetType(ServerInfo::kMppWarehouse);
+    cond->MarkTargetID(db);
+
+    ToCNF cnf(AsCond(cond.Get()), true, true);
+    cnf.GenerateCNF();
+    std::vector<RqExprCond*> conjuncts;
+    cnf.GetConjuncts(conjuncts);
+    ASSERT_EQ(conjuncts.size(), 1u);
+    RqExprCond* disjunction = conjuncts[0];
+    ASSERT_EQ(U(disjunction), "T1.a >= 0 OR NOT (T1.b IS NULL)");
+    EXPECT_EQ(disjunction->GetTargetType(), ServerInfo::kMppWarehouse);
+    EXPECT_EQ(disjunction->GetTargetID(), db);
+    EXPECT_EQ(disjunction->GetIthOperand(0)->GetTargetType(), ServerInfo::kAnsiSql);
+    EXPECT_EQ(disjunction->GetIthOperand(0)->GetTargetID(), other);
+    EXPECT_EQ(disjunction->GetIthOperand(1)->GetTargetType(), ServerInfo::kMppWarehouse);
+}
+
+TEST(CNFTest, OwnedConjunctsAreSingleOwners) {
+    Heap<RqExpr> cond(Or(P(L"a"), And(P(L"b"), P(L"c"))));
+    std::vector<Heap<RqExprCond>> owned;
+    owned.emplace_back(P(L"z"));
+    EXPECT_TRUE(ToCNFConjuncts::GenerateOwnedCNFConjuncts(AsCond(cond.Get()), owned));
+    ASSERT_EQ(owned.size(), 3u);
+    EXPECT_EQ(U(owned[1].Get()), "T1.a = 0 OR T1.b = 0");
+    EXPECT_FALSE(ToCNFConjuncts::GenerateOwnedCNFConjuncts(AsCond(cond.Get()), owned, true, 1));
+    ASSERT_EQ(owned.size(), 4u);
+    EXPECT_EQ(U(owned[3].Get()), U(cond.Get()));
+
+    ToCNFConjuncts conjuncts(AsCond(cond.Get()));
+    EXPECT_TRUE(conjuncts.GetConversionSuccess());
+    ASSERT_EQ(conjuncts.GetNumConjuncts(), 2u);
+    Heap<RqExprCond> first(conjuncts.ReleaseIthConjunct(0));
+    EXPECT_EQ(conjuncts.GetIthConjunct(0), nullptr);
+    std::vector<RqExprCond*> rest;
+    conjuncts.GetConjuncts(rest);
+    ASSERT_EQ(Texts(rest), (std::vector<std::string>{"T1.a = 0 OR T1.c = 0"}));
+    std::vector<Heap<RqExprCond>> moved;
+    conjuncts.ReleaseConjuncts(moved);
+    EXPECT_EQ(moved.size(), 1u);
+    EXPECT_EQ(conjuncts.GetNumConjuncts(), 0u);
+}
+
+// ---- Harvesting and edge cases ------------------------------------------------------------------
+
+TEST(CNFTest, HarvestingReadsTheTopLevelTreesWithoutCopying) {
+    Heap<RqExpr> cond(And(And(Or(P(L"a"), P(L"b")), P(L"c")), Or(P(L"d"), And(P(L"e"), P(L"f")))));
+    std::vector<const RqExprCond*> conjuncts;
+    ToCNF::HarvestConjuncts(AsCond(cond.Get()), conjuncts);
+    ASSERT_EQ(conjuncts.size(), 3u);
+    EXPECT_EQ(conjuncts[0], cond->GetIthOperand(0)->GetIthOperand(0));
+    EXPECT_EQ(conjuncts[2], cond->GetIthOperand(1));
+
+    std::vector<const RqExprCond*> disjunctive;
+    ToCNF::HarvestDisjunctivePredicates(AsCond(cond.Get()), disjunctive);
+    ASSERT_EQ(disjunctive.size(), 2u);
+    EXPECT_EQ(disjunctive[0], conjuncts[0]);
+    EXPECT_EQ(disjunctive[1], conjuncts[2]);
+
+    std::vector<const RqExprCond*> disjuncts;
+    ToCNF::HarvestDisjuncts(conjuncts[2], disjuncts);
+    ASSERT_EQ(disjuncts.size(), 2u);
+    EXPECT_EQ(U(disjuncts[1]), "T1.e = 0 AND T1.f = 0");
+    disjuncts.clear();
+    ToCNF::HarvestDisjuncts(conjuncts[1], disjuncts);
+    ASSERT_EQ(disjuncts.size(), 1u);
+    EXPECT_EQ(disjuncts[0], conjuncts[1]);
+}
+
+TEST(CNFTest, NullConditionsAndOperandsThatAreNotConditions) {
+    ToCNF none(nullptr, true, true);
+    none.GenerateCNF();
+    EXPECT_TRUE(none.GetConversionSuccess());
+    EXPECT_EQ(none.GetNumConjuncts(), 0u);
+    EXPECT_EQ(none.ReleaseAsCondition(), nullptr);
+
+    // A boolean column ANDed with a predicate is a conjunct of its own.
+    Heap<RqExpr> cond(Not(RQ_NEW RqExprCondAnd(Col(L"flag", 1), P(L"a"))));
+    ToCNF cnf(AsCond(cond.Get()), true, true);
+    cnf.GenerateCNF();
+    std::vector<RqExpr*> conjuncts;
+    cnf.GetConjuncts(conjuncts);
+    ASSERT_EQ(conjuncts.size(), 1u);
+    EXPECT_EQ(U(conjuncts[0]), "NOT (T1.flag) OR T1.a <> 0");
+
+    Heap<RqExpr> plain(RQ_NEW RqExprCondAnd(Col(L"flag", 1), P(L"a")));
+    ToCNF split(AsCond(plain.Get()), true, true);
+    split.GenerateCNF();
+    split.GetConjuncts(conjuncts);
+    ASSERT_EQ(conjuncts.size(), 2u);
+    EXPECT_EQ(conjuncts[0]->GetObjectType(), kRqTargetColumn);
+}
+
+TEST(CNFTest, LongChainsConvertWithoutRecursion) {
+    const int length = 20000;
+    RqExpr* ors = Eq(Col(L"a", 1), Int(0));
+    RqExpr* ands = Eq(Col(L"a", 1), Int(0));
+    for (int i = 1; i < length; ++i) {
+        ors = Or(ors, Eq(Col(L"a", 1), Int(i)));
+        ands = And(ands, Eq(Col(L"a", 1), Int(i)));
+    }
+    Heap<RqExpr> orOwner(ors);
+    Heap<RqExpr> andOwner(ands);
+
+    ToCNF disjunction(AsCond(ors), true, true);
+    disjunction.GenerateCNF();
+    ASSERT_EQ(disjunction.GetNumConjuncts(), 1u);
+    std::vector<RqExpr*> conjuncts;
+    disjunction.GetConjuncts(conjuncts);
+    std::vector<const RqExpr*> literals;
+    ToCNF::HarvestDisjuncts(conjuncts[0], literals);
+    EXPECT_EQ(literals.size(), static_cast<size_t>(length));
+
+    ToCNF conjunction(AsCond(ands), true, true);
+    conjunction.GenerateCNF();
+    EXPECT_EQ(conjunction.GetNumConjuncts(), static_cast<size_t>(length));
+}
