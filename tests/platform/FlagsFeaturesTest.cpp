@@ -17,7 +17,7 @@
 namespace {
 
 class CompatFlagTest : public testing::Test {
-  protected:
+protected:
     void TearDown() override { SUCompatFlag::Reset(); }
 
     std::shared_ptr<RpRepository> m_pRepo = std::make_shared<RpRepository>();

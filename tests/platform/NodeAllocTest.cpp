@@ -23,7 +23,7 @@ ZKAllocSite& SiteOfThisLine(int which) {
 }
 
 class GatewayObject : public MemAllocNewdel {
-  public:
+public:
     explicit GatewayObject(bool bFail) : m_payload{} {
         if (bFail) {
             throw std::runtime_error("construction failed");

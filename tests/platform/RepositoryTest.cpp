@@ -23,7 +23,7 @@ void ExpectError(unsigned long number, Fn fn) {
 }
 
 class RepositoryTest : public testing::Test {
-  protected:
+protected:
     void SetUp() override {
         m_pRepo = std::make_shared<RpRepository>();
         RpRepository& repo = *m_pRepo;

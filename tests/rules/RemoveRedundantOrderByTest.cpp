@@ -23,7 +23,8 @@ RqList* SalesBlock(bool bOrdered, const ZKString& label = L"sales") {
         .Select(rqb::Col(L"amount", 1))
         .From(rqb::Table(kSales, 1))
         .Target(ServerInfo::kAnsiSql, kDatabase);
-    if (bOrdered) block.OrderBy({{1, RqSortSpec::kDesc}});
+    if (bOrdered)
+        block.OrderBy({{1, RqSortSpec::kDesc}});
     return block.Build();
 }
 
@@ -41,7 +42,8 @@ RqHandleNode* RequestOverDerived(RqList* inner, bool bOuterOrdered,
     } else {
         outer.From(rqb::Derived(inner));
     }
-    if (bOuterOrdered) outer.OrderBy({{0}});
+    if (bOuterOrdered)
+        outer.OrderBy({{0}});
     return rqb::Request(outer.Build());
 }
 
@@ -51,15 +53,19 @@ std::vector<RqOrderBy*> OrderBys(RqNode& root) {
     while (!work.empty()) {
         RqNode* node = work.back();
         work.pop_back();
-        if (node->GetObjectType() == kRqOrderBy) found.push_back(static_cast<RqOrderBy*>(node));
+        if (node->GetObjectType() == kRqOrderBy)
+            found.push_back(static_cast<RqOrderBy*>(node));
         for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
-            if (RqNode* child = node->GetIthChild(i)) work.push_back(child);
+            if (RqNode* child = node->GetIthChild(i))
+                work.push_back(child);
         }
     }
     return found;
 }
 
-RqList& TopList(RqHandleNode& request) { return static_cast<RqList&>(*request.GetRqNode()); }
+RqList& TopList(RqHandleNode& request) {
+    return static_cast<RqList&>(*request.GetRqNode());
+}
 
 RqList& InnerList(RqList& outer) {
     RqTableReference* reference = outer.GetJoinSpec()->GetIthTableReference(0);
@@ -151,11 +157,13 @@ TEST(RemoveRedundantOrderBy, RetargetsEveryNodeReachedExceptRawStorage) {
             // Sort specs below an ORDER BY are never reached.
             EXPECT_EQ(node->GetTargetType(), ServerInfo::kAnsiSql);
         } else {
-            EXPECT_EQ(node->GetTargetType(), ServerInfo::kUnknown) << RqNodeTypeName(node->GetObjectType());
+            EXPECT_EQ(node->GetTargetType(), ServerInfo::kUnknown)
+                << RqNodeTypeName(node->GetObjectType());
             ++unknown;
         }
         for (int i = 0; i < node->GetNumChildren(); ++i) {
-            if (RqNode* child = node->GetIthChild(i)) work.push_back(child);
+            if (RqNode* child = node->GetIthChild(i))
+                work.push_back(child);
         }
     }
     EXPECT_GT(unknown, 10);

@@ -116,9 +116,11 @@ TEST(RewriteRuleDriver, CancelledJobRunsNoPass) {
 // no cancellation point), the next pass never starts, and the exception leaves the driver.
 class CancellingRule : public RecordingRule {
 public:
-    explicit CancellingRule(std::shared_ptr<ZKJob> job) : RecordingRule(10), m_job(std::move(job)) {}
+    explicit CancellingRule(std::shared_ptr<ZKJob> job)
+        : RecordingRule(10), m_job(std::move(job)) {}
     bool Visit(RqList& list) override {
-        if (m_passes == 2) m_job->Cancel();
+        if (m_passes == 2)
+            m_job->Cancel();
         return RecordingRule::Visit(list);
     }
     using RecordingRule::Visit;

@@ -11,7 +11,9 @@ namespace {
 
 class LeakCheckListener : public testing::EmptyTestEventListener {
 public:
-    void OnTestStart(const testing::TestInfo&) override { m_liveAtStart = ZKNodeAlloc::LiveCount(); }
+    void OnTestStart(const testing::TestInfo&) override {
+        m_liveAtStart = ZKNodeAlloc::LiveCount();
+    }
 
     void OnTestEnd(const testing::TestInfo& info) override {
         if (info.result() == nullptr || info.result()->Skipped()) {

@@ -21,7 +21,9 @@ void PrintUsage(std::ostream& out) {
            "before and after the rule, then checks the rewritten tree with the verifier.\n";
 }
 
-std::string Narrow(const ZKString& text) { return text.ToUtf8(); }
+std::string Narrow(const ZKString& text) {
+    return text.ToUtf8();
+}
 
 }  // namespace
 
@@ -45,7 +47,8 @@ int main(int argc, char** argv) {
         RpSession session(repository);
         Heap<RqHandleNode> request(BuildSampleRequest(*repository));
 
-        std::cout << "== request as read\n" << Narrow(RqDumpout::StringFrom(request.Get(), &session));
+        std::cout << "== request as read\n"
+                  << Narrow(RqDumpout::StringFrom(request.Get(), &session));
         RemoveRedundantOrderBy rule(&session);
         rule.ApplyRule(*request);
         std::cout << "\n== after RemoveRedundantOrderBy\n"

@@ -25,7 +25,7 @@ class RpComplexJoinObj;
 // could make the builder wait indefinitely. Read paths never nest their locks, which this
 // lock requires.
 class WriterPreferringLock {
-  public:
+public:
     WriterPreferringLock() {
         pthread_rwlockattr_t attr;
         pthread_rwlockattr_init(&attr);
@@ -43,7 +43,7 @@ class WriterPreferringLock {
     void lock_shared() { ZK_ASSERT(pthread_rwlock_rdlock(&m_lock) == 0); }
     void unlock_shared() { pthread_rwlock_unlock(&m_lock); }
 
-  private:
+private:
     pthread_rwlock_t m_lock;
 };
 
@@ -111,7 +111,7 @@ std::vector<VoidID> IDsOf(const std::vector<T*>& objects) {
 }
 
 class RpDatabaseObj final : public ADatabase {
-  public:
+public:
     RpDatabaseObj(RpRepositoryCore* core, VoidID id, ZKString name, ServerInfo::TargetType type,
                   std::set<SUFeaturesTable::FeatureId> features)
         : m_pCore(core),
@@ -155,7 +155,7 @@ class RpDatabaseObj final : public ADatabase {
 };
 
 class RpConnectionPoolObj final : public AConnectionPool {
-  public:
+public:
     RpConnectionPoolObj(RpRepositoryCore* core, VoidID id, ZKString name, RpDatabaseObj* db)
         : m_pCore(core), m_id(id), m_name(std::move(name)), m_pDatabase(db) {}
 
@@ -170,7 +170,7 @@ class RpConnectionPoolObj final : public AConnectionPool {
 };
 
 class RpTableObj final : public ATable {
-  public:
+public:
     RpTableObj(RpRepositoryCore* core, VoidID id, ZKString schema, ZKString name, RpDatabaseObj* db)
         : m_pCore(core),
           m_id(id),
@@ -209,7 +209,7 @@ class RpTableObj final : public ATable {
 };
 
 class RpColumnObj final : public AColumn {
-  public:
+public:
     RpColumnObj(RpRepositoryCore* core, VoidID id, ZKString name, RpTableObj* table, int kind,
                 ZKString dataType)
         : m_pCore(core),
@@ -240,7 +240,7 @@ RefAColumn RpTableObj::FindColumn(std::wstring_view name) const {
 }
 
 class RpKeyObj final : public AKey {
-  public:
+public:
     RpKeyObj(RpRepositoryCore* core, VoidID id, ZKString name, RpTableObj* table,
              std::vector<RpColumnObj*> columns)
         : m_pCore(core),
@@ -264,7 +264,7 @@ class RpKeyObj final : public AKey {
 };
 
 class RpComplexJoinObj final : public AComplexJoin {
-  public:
+public:
     RpComplexJoinObj(RpRepositoryCore* core, VoidID id, ZKString name, RpTableObj* first,
                      RpTableObj* second, JoinCardinality cardinality)
         : m_pCore(core),

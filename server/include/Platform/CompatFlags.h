@@ -22,7 +22,7 @@ struct CompatFlagInfo {
 };
 
 class CompatFlagCatalog {
-  public:
+public:
     // Letter case of the name does not matter; nullptr when there is no such flag.
     static const CompatFlagInfo* Find(std::wstring_view name);
     // All flags in catalogue order.
@@ -31,14 +31,14 @@ class CompatFlagCatalog {
 
 // A flag as seen by a request. rp may be null, meaning no session values.
 class SOCompatFlag {
-  public:
+public:
     static bool GetBool(const ZKString& name, ARpGateway* rp);
     static int GetInt(const ZKString& name, ARpGateway* rp);
 };
 
 // Server-wide values, shared by every session; thread-safe.
 class SUCompatFlag {
-  public:
+public:
     static bool GetBool(const ZKString& name);
     static int GetInt(const ZKString& name);
     static void SetBool(const ZKString& name, bool value);

@@ -32,7 +32,7 @@ enum ErrorNumber : unsigned long {
 };
 
 class ErrorMessage : public std::exception {
-  public:
+public:
     // A text message: number 0, no arguments.
     explicit ErrorMessage(const ZKString& text);
 
@@ -67,7 +67,7 @@ class ErrorMessage : public std::exception {
     // The catalogue text of a number, or nullptr when the catalogue has no such message.
     static const wchar_t* CatalogueText(unsigned long number);
 
-  private:
+private:
     static ZKString ArgText(const ZKString& v) { return v; }
     static ZKString ArgText(const std::wstring& v) { return ZKString(v); }
     static ZKString ArgText(std::wstring_view v) { return ZKString(v); }

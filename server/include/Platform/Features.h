@@ -11,7 +11,7 @@
 #include "Platform/ServerInfo.h"
 
 class SUFeaturesTable {
-  public:
+public:
     enum FeatureId {
         kFeature_OrderBy,
         kFeature_Distinct,
@@ -48,7 +48,7 @@ class SUFeaturesTable {
 class RqOrderBy;  // request-tree class; defined by the request layer
 
 class FeaturesMgr {
-  public:
+public:
     // False for a null database.
     static bool IsSupportedFeature(const RefADatabase& db, SUFeaturesTable::FeatureId feature,
                                    ARpGateway* rp);

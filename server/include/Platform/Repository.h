@@ -69,7 +69,7 @@ enum JoinCardinality {
 // the same object.
 template <class T>
 class Ref {
-  public:
+public:
     Ref() = default;
     Ref(std::nullptr_t) {}
     explicit Ref(std::shared_ptr<const T> object) : m_pObj(std::move(object)) {}
@@ -98,7 +98,7 @@ class Ref {
         return std::compare_three_way{}(m_pObj.get(), other.m_pObj.get());
     }
 
-  private:
+private:
     std::shared_ptr<const T> m_pObj;
 };
 
@@ -110,7 +110,7 @@ struct std::hash<Ref<T>> {
 };
 
 class ARepositoryObject {
-  public:
+public:
     virtual ~ARepositoryObject() = default;
     virtual VoidID GetID() const = 0;
     virtual const ZKString& GetName() const = 0;
@@ -118,7 +118,7 @@ class ARepositoryObject {
 using RefARepositoryObject = Ref<ARepositoryObject>;
 
 class ADatabase : public ARepositoryObject {
-  public:
+public:
     virtual ServerInfo::TargetType GetTargetType() const = 0;
     virtual bool HasFeature(SUFeaturesTable::FeatureId feature) const = 0;
     virtual const std::set<SUFeaturesTable::FeatureId>& GetFeatures() const = 0;
@@ -127,12 +127,12 @@ class ADatabase : public ARepositoryObject {
 };
 
 class AConnectionPool : public ARepositoryObject {
-  public:
+public:
     virtual RefADatabase GetDatabase() const = 0;
 };
 
 class ATable : public ARepositoryObject {
-  public:
+public:
     virtual RefADatabase GetDatabase() const = 0;
     virtual const ZKString& GetSchema() const = 0;  // empty when the table has none
     virtual std::vector<RefAColumn> GetColumns() const = 0;
@@ -143,7 +143,7 @@ class ATable : public ARepositoryObject {
 };
 
 class AColumn : public ARepositoryObject {
-  public:
+public:
     virtual RefATable GetTable() const = 0;
     virtual int GetKind() const = 0;                  // a ColumnKind
     virtual const ZKString& GetDataType() const = 0;  // e.g. L"INTEGER"; may be empty
@@ -151,13 +151,13 @@ class AColumn : public ARepositoryObject {
 };
 
 class AKey : public ARepositoryObject {
-  public:
+public:
     virtual RefATable GetTable() const = 0;
     virtual std::vector<RefAColumn> GetColumns() const = 0;  // in key order
 };
 
 class AComplexJoin : public ARepositoryObject {
-  public:
+public:
     // The two joined tables, first then second; GetCardinality reads from first to second.
     virtual std::vector<RefATable> GetTables() const = 0;
     virtual JoinCardinality GetCardinality() const = 0;
@@ -170,7 +170,7 @@ class AComplexJoin : public ARepositoryObject {
 struct RpRepositoryCore;
 
 class RpRepository {
-  public:
+public:
     RpRepository();
     ~RpRepository();
     RpRepository(const RpRepository&) = delete;
@@ -230,13 +230,13 @@ class RpRepository {
     // error.
     std::vector<VoidID> GetRelatedIDs(const VoidID& owner, RelationKind kind) const;
 
-  private:
+private:
     std::shared_ptr<RpRepositoryCore> m_pCore;
 };
 
 // The handle through which every rule reaches the session and the repository.
 class ARpGateway {
-  public:
+public:
     virtual ~ARpGateway() = default;
     virtual bool GetStringSessionProperty(const ZKString& name, ZKString& value) const = 0;
     virtual bool GetIntegerSessionProperty(const ZKString& name, long long& value) const = 0;
@@ -251,7 +251,7 @@ class ARpGateway {
 };
 
 class RpSession : public ARpGateway {
-  public:
+public:
     explicit RpSession(std::shared_ptr<const RpRepository> repository);
 
     // Properties are stored as text: an integer property reads back as its decimal text and
@@ -275,7 +275,7 @@ class RpSession : public ARpGateway {
     RefADatabase GetDatabaseByTargetID(const VoidID& targetID) const override;
     bool GetCompatFlagOverride(std::wstring_view name, int& value) const override;
 
-  private:
+private:
     void StoreCompatFlag(const ZKString& name, bool bIsInt, int value);
 
     std::shared_ptr<const RpRepository> m_pRepository;
@@ -286,7 +286,7 @@ class RpSession : public ARpGateway {
 
 // Lookups by identifier through a gateway's repository; null when not found.
 class RefHelper {
-  public:
+public:
     static RefADatabase GetDatabase(const ARpGateway* rp, const VoidID& id);
     static RefAConnectionPool GetConnectionPool(const ARpGateway* rp, const VoidID& id);
     static RefATable GetTable(const ARpGateway* rp, const VoidID& id);
@@ -299,7 +299,7 @@ class RefHelper {
 // iterator was made:
 //     for (VoidRelIter it(rp, tableID, RpRepository::kRel_TableColumns); !it.IsDone(); it.Next())
 class VoidRelIter {
-  public:
+public:
     VoidRelIter(const RpRepository& repository, const VoidID& owner,
                 RpRepository::RelationKind kind);
     VoidRelIter(const ARpGateway* rp, const VoidID& owner, RpRepository::RelationKind kind);
@@ -319,13 +319,13 @@ class VoidRelIter {
     std::vector<VoidID>::const_iterator begin() const { return m_ids.begin(); }
     std::vector<VoidID>::const_iterator end() const { return m_ids.end(); }
 
-  private:
+private:
     std::vector<VoidID> m_ids;
     std::size_t m_nPos = 0;
 };
 
 class MetadataUtil {
-  public:
+public:
     // "database"."schema"."table", without the schema part when the table has none; a
     // double quote inside a name is doubled.
     static ZKString GenerateQualifiedName(const RefATable& table);
@@ -333,7 +333,7 @@ class MetadataUtil {
 };
 
 class Authorization {
-  public:
+public:
     // The pool the session uses for db: the one named by the session string property
     // "CONNECTION_POOL.<database name>" when set (null if db has no pool of that name),
     // else db's first pool, else null.

@@ -6,7 +6,7 @@
 #include <string_view>
 
 class ServerInfo {
-  public:
+public:
     enum TargetType : int {
         kBuiltInExecutionEngine = 0,  // our own engine: the data is already in the server
         kUnknown = 1,
@@ -20,8 +20,8 @@ class ServerInfo {
         kCubeMdxServer = 33,          // cube servers, queried in a multidimensional language
         kCubeAnalysisServer = 34,
         kCubeMemberServer = 41,
-        kFennick = 47,     // an analytic appliance
-        kCorvelEAI = 56,   // an enterprise application integration source
+        kFennick = 47,    // an analytic appliance
+        kCorvelEAI = 56,  // an enterprise application integration source
         kCubeSemanticServer = 58,
         kFennickNext = 59,
         kCubeXmlaServer = 60,     // cube server whose aggregates determine a break

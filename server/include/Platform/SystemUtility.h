@@ -7,7 +7,7 @@
 #include "Platform/ZKString.h"
 
 class SystemUtility {
-  public:
+public:
     // At least 1.
     static unsigned GetNumberOfProcessors();
     // False when the variable is not set; its UTF-8 value otherwise.
@@ -16,7 +16,7 @@ class SystemUtility {
 };
 
 class BaseStringUtil {
-  public:
+public:
     // true/false, yes/no, on/off, 1/0 in any letter case, surrounding blanks ignored.
     static bool BooleanFrom(std::wstring_view text, bool& value);
     // Decimal with an optional sign, surrounding blanks ignored; false on overflow.
@@ -29,7 +29,7 @@ class BaseStringUtil {
 
 // A property value as the user gave it: text that may stand for an integer.
 class PropertyValue {
-  public:
+public:
     PropertyValue() = default;
     explicit PropertyValue(ZKString text) : m_text(std::move(text)) {}
     explicit PropertyValue(long long value) : m_text(ZKString::FromInt(value)) {}
@@ -40,13 +40,13 @@ class PropertyValue {
     // Raises an ErrorMessage when the text is not an integer.
     long long GetInteger() const;
 
-  private:
+private:
     ZKString m_text;
 };
 
 // Diagnostic switches read on hot paths, hence plain atomics rather than flags.
 class GlobalRpVariables {
-  public:
+public:
     static inline std::atomic<bool> global_External_zK_EnableAggrDiagnostics{false};
     static inline std::atomic<bool> global_External_zK_EnableCacheDiagnostics{false};
 };

@@ -21,7 +21,7 @@ struct UniqueNum {
 };
 
 class VoidID {
-  public:
+public:
     constexpr VoidID() = default;
     constexpr VoidID(int32_t typeId, uint32_t num) : m_nTypeId(typeId), m_nNum(num) {}
 
@@ -38,7 +38,7 @@ class VoidID {
 
     constexpr auto operator<=>(const VoidID&) const = default;
 
-  private:
+private:
     int32_t m_nTypeId = 0;
     uint32_t m_nNum = UniqueNum::kUndefined;
 };

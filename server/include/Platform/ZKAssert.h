@@ -11,7 +11,7 @@
 #define ZK_WIDEN(x) ZK_WIDEN_(x)
 
 class ZKAssert {
-  public:
+public:
     [[noreturn]] static void handleAssert(const wchar_t* file, int line, const wchar_t* condition);
     [[noreturn]] static void handleLogicError(const wchar_t* file, int line,
                                               const ZKString& message);

@@ -24,7 +24,7 @@ struct ZKAllocSite {
 };
 
 class ZKNodeAlloc {
-  public:
+public:
     // The one site for (file, line), registered on first use. file is compared by content
     // and copied, so it need not outlive the call.
     static ZKAllocSite& Site(const char* file, int line);
@@ -63,7 +63,7 @@ namespace memalloc {
 
 // Allocation for objects that do not know their own size when they are freed.
 class MemoryAllocatorGateway {
-  public:
+public:
     static void* allocateAndRemeberSize(std::size_t size, const char* where, int line);
     static void readSizeAndDeallocate(void* p);
 };
@@ -73,7 +73,7 @@ class MemoryAllocatorGateway {
 // Base of objects created through the memory gateway; their blocks are counted with the
 // tree nodes. Create with ZK_GATEWAY_NEW so that the block is charged to the creating line.
 class MemAllocNewdel {
-  public:
+public:
     static void* operator new(std::size_t size, const char* where, int line);
     // A plain new cannot name its caller; such blocks are charged to the site "unattributed".
     static void* operator new(std::size_t size);
@@ -81,7 +81,7 @@ class MemAllocNewdel {
     // Called only when a constructor run by the placement form above throws.
     static void operator delete(void* p, const char* where, int line);
 
-  protected:
+protected:
     ~MemAllocNewdel() = default;
 };
 
@@ -91,7 +91,7 @@ class MemAllocNewdel {
 // owned by nodes are part of the leak check. All containers share the site "container".
 template <class T>
 class ZKAllocator {
-  public:
+public:
     using value_type = T;
 
     ZKAllocator() noexcept = default;

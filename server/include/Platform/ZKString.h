@@ -9,7 +9,7 @@
 #include <string_view>
 
 class ZKString : public std::wstring {
-  public:
+public:
     using std::wstring::wstring;
 
     ZKString() = default;

@@ -11,26 +11,26 @@
 #include <memory>
 
 class JobCancelledException : public std::exception {
-  public:
+public:
     const char* what() const noexcept override { return "the job was cancelled"; }
 };
 
 class StackExhaustedException : public std::exception {
-  public:
+public:
     const char* what() const noexcept override { return "the thread's stack is nearly exhausted"; }
 };
 
 class ZKJob {
-  public:
+public:
     void Cancel() { m_bCancelled.store(true, std::memory_order_release); }
     bool IsCancelled() const { return m_bCancelled.load(std::memory_order_acquire); }
 
-  private:
+private:
     std::atomic<bool> m_bCancelled{false};
 };
 
 class ZKThreadJobMgr {
-  public:
+public:
     // The calling thread's current job; nullptr means the thread works for no job.
     static void SetCurrentJob(std::shared_ptr<ZKJob> job);
     static std::shared_ptr<ZKJob> GetCurrentJob();
@@ -40,19 +40,19 @@ class ZKThreadJobMgr {
     // Makes a job current for a scope and restores the previous one on exit, including
     // when the scope is left by an exception.
     class ScopedJob {
-      public:
+    public:
         explicit ScopedJob(std::shared_ptr<ZKJob> job);
         ~ScopedJob();
         ScopedJob(const ScopedJob&) = delete;
         ScopedJob& operator=(const ScopedJob&) = delete;
 
-      private:
+    private:
         std::shared_ptr<ZKJob> m_pPrevious;
     };
 };
 
 class ZKThread {
-  public:
+public:
     // What must always remain free below the current frame: room for the unwinder, for
     // library calls made on the way out and for the frames between two checks.
     static constexpr std::size_t kStackSafetyMargin = 64 * 1024;

@@ -18,7 +18,9 @@ NodeID NodeID::Fresh() {
     return NodeID(s_next.fetch_add(1, std::memory_order_relaxed));
 }
 
-ZKString NodeID::ToString() const { return ZKString(L"[[" + ZKString::FromInt(m_num) + L"]]"); }
+ZKString NodeID::ToString() const {
+    return ZKString(L"[[" + ZKString::FromInt(m_num) + L"]]");
+}
 
 // ---- Construction and destruction ---------------------------------------------------------
 
@@ -65,7 +67,9 @@ RqNode::~RqNode() {
     t_bDraining = false;
 }
 
-void RqNode::DestroyDetached(RqNode* node) { delete node; }
+void RqNode::DestroyDetached(RqNode* node) {
+    delete node;
+}
 
 // ---- Navigation ---------------------------------------------------------------------------
 
@@ -75,19 +79,24 @@ RqNode* RqNode::GetIthChild(int i) const {
 }
 
 int RqNode::GetChildIndex(const RqNode* child) const {
-    if (child == nullptr) return -1;
+    if (child == nullptr)
+        return -1;
     for (size_t i = 0; i < m_children.size(); ++i) {
-        if (m_children[i] == child) return static_cast<int>(i);
+        if (m_children[i] == child)
+            return static_cast<int>(i);
     }
     return -1;
 }
 
-int RqNode::GetIndexInParent() const { return m_pParent ? m_pParent->GetChildIndex(this) : -1; }
+int RqNode::GetIndexInParent() const {
+    return m_pParent ? m_pParent->GetChildIndex(this) : -1;
+}
 
 // ---- Structure changes --------------------------------------------------------------------
 
 void RqNode::AttachChild(RqNode* child) {
-    if (child == nullptr) return;
+    if (child == nullptr)
+        return;
     // A node has one owner: attaching a node that still has a parent would leave two.
     ZK_ASSERT(child->m_pParent == nullptr);
     ZK_ASSERT(child != this);
@@ -128,7 +137,8 @@ RqNode* RqNode::ReleaseIthChild(int i) {
 }
 
 RqNode* RqNode::ReleaseFromParent() {
-    if (m_pParent == nullptr) return nullptr;
+    if (m_pParent == nullptr)
+        return nullptr;
     const int index = GetIndexInParent();
     ZK_ASSERT(index >= 0);
     return m_pParent->ReleaseIthChild(index);
@@ -143,7 +153,8 @@ RqNode* RqNode::ReplaceIthChild(int i, RqNode* child) {
 
 void RqNode::SetIthChild(int i, RqNode* child) {
     RqNode* old = ReplaceIthChild(i, child);
-    if (old != nullptr && old != child) DestroyDetached(old);
+    if (old != nullptr && old != child)
+        DestroyDetached(old);
 }
 
 RqNode* RqNode::RemoveIthChild(int i) {
@@ -152,7 +163,9 @@ RqNode* RqNode::RemoveIthChild(int i) {
     return child;
 }
 
-void RqNode::EraseIthChild(int i) { DestroyDetached(RemoveIthChild(i)); }
+void RqNode::EraseIthChild(int i) {
+    DestroyDetached(RemoveIthChild(i));
+}
 
 void RqNode::DeleteChild(RqNode* child, RqNode* replacement) {
     const int index = GetChildIndex(child);
@@ -179,7 +192,8 @@ void RqNode::MarkTargetRecursive(ServerInfo::TargetType type, const VoidID& id) 
         node->MarkTargetType(type);
         node->MarkTargetID(id);
         for (RqNode* child : node->m_children) {
-            if (child != nullptr) work.push_back(child);
+            if (child != nullptr)
+                work.push_back(child);
         }
     }
 }
@@ -189,7 +203,8 @@ void RqNode::MarkTargetRecursive(ServerInfo::TargetType type, const VoidID& id) 
 void RqNode::Accept(AVisitorRqNode& visitor) {
     if (visitor.IsPostOrderVisitor()) {
         for (int i = 0; i < GetNumChildren(); ++i) {
-            if (RqNode* child = GetIthChild(i)) child->Accept(visitor);
+            if (RqNode* child = GetIthChild(i))
+                child->Accept(visitor);
         }
         DispatchVisit(visitor);
         return;
@@ -200,15 +215,18 @@ void RqNode::Accept(AVisitorRqNode& visitor) {
     // The count is read afresh at every step: a visit below may have rewritten this node's
     // later children.
     for (int i = 0; i < GetNumChildren(); ++i) {
-        if (RqNode* child = GetIthChild(i)) child->Accept(visitor);
+        if (RqNode* child = GetIthChild(i))
+            child->Accept(visitor);
     }
 }
 
 bool RqNode::IsObjectType::operator()(const RqNode* node) const {
-    if (node == nullptr) return false;
+    if (node == nullptr)
+        return false;
     for (int kind = node->GetObjectType(); kind >= 0;
          kind = RqNodeTypeParent(static_cast<RqNodeType_e>(kind))) {
-        if (m_types.test(static_cast<size_t>(kind))) return true;
+        if (m_types.test(static_cast<size_t>(kind)))
+            return true;
     }
     return false;
 }
@@ -246,7 +264,8 @@ RqNode* RqNode::DeepCopy(bool keepIdentity) const {
         }
     }
     for (RqNode* copy : copies) {
-        if (!keepIdentity) copy->SetUniqueID();
+        if (!keepIdentity)
+            copy->SetUniqueID();
         copy->FixUpCopy(map);
     }
     return root;
@@ -254,7 +273,9 @@ RqNode* RqNode::DeepCopy(bool keepIdentity) const {
 
 // ---- Handle node --------------------------------------------------------------------------
 
-RqHandleNode::RqHandleNode(RqNode* request) { SetRqNode(request); }
+RqHandleNode::RqHandleNode(RqNode* request) {
+    SetRqNode(request);
+}
 
 void RqHandleNode::SetRqNode(RqNode* request) {
     if (GetNumChildren() == 0) {
@@ -264,7 +285,9 @@ void RqHandleNode::SetRqNode(RqNode* request) {
     }
 }
 
-RqNode* RqHandleNode::ReleaseRqNode() { return GetNumChildren() > 0 ? ReleaseIthChild(0) : nullptr; }
+RqNode* RqHandleNode::ReleaseRqNode() {
+    return GetNumChildren() > 0 ? ReleaseIthChild(0) : nullptr;
+}
 
 // ---- SmartRqNodePtr -----------------------------------------------------------------------
 
@@ -284,23 +307,29 @@ SmartRqNodePtr& SmartRqNodePtr::operator=(RqNode* node) {
 
 void SmartRqNodePtr::Attach(RqNode* node) {
     m_pNode = node;
-    if (node == nullptr) return;
+    if (node == nullptr)
+        return;
     m_pPrev = nullptr;
     m_pNext = node->m_pWatchers;
-    if (m_pNext != nullptr) m_pNext->m_pPrev = this;
+    if (m_pNext != nullptr)
+        m_pNext->m_pPrev = this;
     node->m_pWatchers = this;
 }
 
 void SmartRqNodePtr::Detach() {
-    if (m_pNode == nullptr) return;
+    if (m_pNode == nullptr)
+        return;
     if (m_pPrev != nullptr) {
         m_pPrev->m_pNext = m_pNext;
     } else {
         m_pNode->m_pWatchers = m_pNext;
     }
-    if (m_pNext != nullptr) m_pNext->m_pPrev = m_pPrev;
+    if (m_pNext != nullptr)
+        m_pNext->m_pPrev = m_pPrev;
     m_pNode = nullptr;
     m_pPrev = m_pNext = nullptr;
 }
 
-void SmartRqNodePtr::NotifyDeletion() { Detach(); }
+void SmartRqNodePtr::NotifyDeletion() {
+    Detach();
+}

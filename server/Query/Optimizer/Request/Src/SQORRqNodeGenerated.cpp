@@ -38,14 +38,20 @@ bool DispatchExpr(AVisitorRqExpr& visitor, T& node) {
 
 }  // namespace
 
-#define RQ_DEFINE_MEMBERS(cls)                                                      \
-    static_assert(std::is_base_of_v<RqClassTraits<cls>::Base, cls>,                \
-                  #cls " must derive from the base its kind row names");            \
-    bool cls::DispatchVisit(AVisitorRqNode& visitor) { return DispatchNode(visitor, *this); } \
-    bool cls::DispatchExprVisit(AVisitorRqExpr& visitor) { return DispatchExpr(visitor, *this); } \
-    RqNode* cls::CloneNode(ZKAllocSite& site) const { return new (site) cls(*this); }
-#define RQ_CHECK_BASE(cls)                                                          \
-    static_assert(std::is_base_of_v<RqClassTraits<cls>::Base, cls>,                \
+#define RQ_DEFINE_MEMBERS(cls)                                           \
+    static_assert(std::is_base_of_v<RqClassTraits<cls>::Base, cls>,      \
+                  #cls " must derive from the base its kind row names"); \
+    bool cls::DispatchVisit(AVisitorRqNode& visitor) {                   \
+        return DispatchNode(visitor, *this);                             \
+    }                                                                    \
+    bool cls::DispatchExprVisit(AVisitorRqExpr& visitor) {               \
+        return DispatchExpr(visitor, *this);                             \
+    }                                                                    \
+    RqNode* cls::CloneNode(ZKAllocSite& site) const {                    \
+        return new (site) cls(*this);                                    \
+    }
+#define RQ_CHECK_BASE(cls)                                          \
+    static_assert(std::is_base_of_v<RqClassTraits<cls>::Base, cls>, \
                   #cls " must derive from the base its kind row names");
 #define RQ_DEF_G(cls) RQ_DEFINE_MEMBERS(cls)
 #define RQ_DEF_H(cls) RQ_DEFINE_MEMBERS(cls)

@@ -44,7 +44,8 @@ constexpr std::array<KindInfo, kRqNodeTypeCount> kKindTable = MakeKindTable();
 // Every value from 0 to the last one is a kind: the table has no holes.
 constexpr bool TableIsDense() {
     for (const KindInfo& info : kKindTable) {
-        if (info.m_name == nullptr) return false;
+        if (info.m_name == nullptr)
+            return false;
     }
     return true;
 }
@@ -72,7 +73,9 @@ bool RqNodeTypeFromName(std::string_view name, RqNodeType_e& type) {
     return false;
 }
 
-bool RqIsNodeTypeValue(int value) { return value >= 0 && value < kRqNodeTypeCount; }
+bool RqIsNodeTypeValue(int value) {
+    return value >= 0 && value < kRqNodeTypeCount;
+}
 
 int RqNodeTypeParent(RqNodeType_e type) {
     const KindInfo* info = Info(type);
@@ -81,7 +84,8 @@ int RqNodeTypeParent(RqNodeType_e type) {
 
 bool RqIsKindOf(RqNodeType_e type, RqNodeType_e ancestor) {
     for (int kind = type; kind >= 0; kind = kKindTable[kind].m_parent) {
-        if (kind == ancestor) return true;
+        if (kind == ancestor)
+            return true;
     }
     return false;
 }

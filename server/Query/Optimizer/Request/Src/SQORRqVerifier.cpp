@@ -51,7 +51,7 @@ struct NodeRecord {
 };
 
 class Verification {
-  public:
+public:
     explicit Verification(const RqNode& root) { Walk(root); }
 
     std::vector<RqViolation> Run() {
@@ -60,7 +60,7 @@ class Verification {
         return std::move(m_violations);
     }
 
-  private:
+private:
     // ---- Walk and records ---------------------------------------------------------------
 
     void Walk(const RqNode& root) {

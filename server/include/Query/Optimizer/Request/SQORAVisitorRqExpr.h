@@ -11,8 +11,10 @@ public:
     virtual ~AVisitorRqExpr() = default;
 
 #define RQ_EV_A(cls) virtual bool Visit(cls& expr) = 0;
-#define RQ_EV_F(cls) \
-    virtual bool Visit(cls&) { return false; }
+#define RQ_EV_F(cls)           \
+    virtual bool Visit(cls&) { \
+        return false;          \
+    }
 #define RQ_EV_L(cls) virtual bool Visit(cls& expr);
 #define RQ_EV_N(cls)
 #define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) RQ_EV_##ev(cls)

@@ -15,8 +15,10 @@ public:
     virtual ~AVisitorRqNode() = default;
 
 #define RQ_NV_A(cls) virtual bool Visit(cls& node) = 0;
-#define RQ_NV_F(cls) \
-    virtual bool Visit(cls&) { return false; }
+#define RQ_NV_F(cls)           \
+    virtual bool Visit(cls&) { \
+        return false;          \
+    }
 #define RQ_NV_N(cls)
 #define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) RQ_NV_##nv(cls)
 #include "Query/Optimizer/Request/SQORRqNodeKinds.def"
@@ -27,7 +29,9 @@ public:
 
     // True asks the traversal to present children before their parent. Every visitor of
     // the library walks in pre-order.
-    virtual bool IsPostOrderVisitor() const { return false; }
+    virtual bool IsPostOrderVisitor() const {
+        return false;
+    }
 
     // Line separator for visitors that print.
     static const wchar_t* const kNewLine;

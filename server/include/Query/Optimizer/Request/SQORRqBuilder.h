@@ -86,7 +86,7 @@ RqExprCond* Exists(RqAbstractList* query);
 
 // An expression list owned until an aggregate takes it; what is never taken is destroyed.
 class ExprList {
-  public:
+public:
     ExprList() = default;
     ExprList(std::initializer_list<RqExpr*> exprs);
     ExprList(ExprList&& other) noexcept;
@@ -99,7 +99,7 @@ class ExprList {
     // The list as a column list (null when none was given); the caller owns it.
     RqExprColumnList* ReleaseColumnList();
 
-  private:
+private:
     RqExprVector m_exprs;
     bool m_bPresent = false;
 };
@@ -107,12 +107,12 @@ class ExprList {
 // The by-list of an aggregate: the grouping level it is computed at. `By({})` is an empty,
 // present by-list (the grand total); leaving the argument out leaves the slot null.
 class By : public ExprList {
-  public:
+public:
     using ExprList::ExprList;
 };
 // The compute break of an aggregate (its second column list).
 class ComputeBreak : public ExprList {
-  public:
+public:
     using ExprList::ExprList;
 };
 
@@ -182,7 +182,7 @@ struct Order {
 };
 
 class Block {
-  public:
+public:
     // A block whose projection numbers its columns from `firstColumnNum`.
     explicit Block(int firstColumnNum = 0);
     ~Block();
@@ -218,7 +218,7 @@ class Block {
     // Hands the block over; the builder is empty afterwards.
     RqList* Build();
 
-  private:
+private:
     RqList* m_pList;
     std::vector<Order> m_orderKeys;
     bool m_bHasOrderBy = false;

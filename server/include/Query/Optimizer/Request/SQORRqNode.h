@@ -52,21 +52,21 @@ struct RqClassTraits<RqNode> {
 #define RQ_SLOT_F 1
 #define RQ_SLOT_L 1
 #define RQ_SLOT_N 0
-#define RQ_TRAITS_K(kindName, cls, baseCls, nv, ev)                     \
-    template <>                                                         \
-    struct RqClassTraits<cls> {                                         \
-        static constexpr int kKind = kindName;                          \
-        using Base = baseCls;                                           \
-        static constexpr bool kHasNodeSlot = RQ_SLOT_##nv;              \
-        static constexpr bool kHasExprSlot = RQ_SLOT_##ev;              \
+#define RQ_TRAITS_K(kindName, cls, baseCls, nv, ev)        \
+    template <>                                            \
+    struct RqClassTraits<cls> {                            \
+        static constexpr int kKind = kindName;             \
+        using Base = baseCls;                              \
+        static constexpr bool kHasNodeSlot = RQ_SLOT_##nv; \
+        static constexpr bool kHasExprSlot = RQ_SLOT_##ev; \
     };
-#define RQ_TRAITS_C(kindName, cls, baseCls, nv, ev)                     \
-    template <>                                                         \
-    struct RqClassTraits<cls> {                                         \
-        static constexpr int kKind = RqClassTraits<baseCls>::kKind;     \
-        using Base = baseCls;                                           \
-        static constexpr bool kHasNodeSlot = RQ_SLOT_##nv;              \
-        static constexpr bool kHasExprSlot = RQ_SLOT_##ev;              \
+#define RQ_TRAITS_C(kindName, cls, baseCls, nv, ev)                 \
+    template <>                                                     \
+    struct RqClassTraits<cls> {                                     \
+        static constexpr int kKind = RqClassTraits<baseCls>::kKind; \
+        using Base = baseCls;                                       \
+        static constexpr bool kHasNodeSlot = RQ_SLOT_##nv;          \
+        static constexpr bool kHasExprSlot = RQ_SLOT_##ev;          \
     };
 #define RQ_TRAITS_M(kindName, cls, baseCls, nv, ev)
 #define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) \
@@ -122,14 +122,16 @@ private:
 #define RQ_NEW new (ZK_HERE)
 
 // Members that every concrete node class declares; their definitions are generated.
-#define RQ_NODE_CLASS(cls)                                                              \
-public:                                                                                 \
+#define RQ_NODE_CLASS(cls)                                                                      \
+public:                                                                                         \
     static constexpr RqNodeType_e kKind = static_cast<RqNodeType_e>(RqClassTraits<cls>::kKind); \
-    RqNodeType_e GetObjectType() const override { return kKind; }                        \
-    bool DispatchVisit(AVisitorRqNode& visitor) override;                               \
-    bool DispatchExprVisit(AVisitorRqExpr& visitor) override;                           \
-    RqNode* CloneNode(ZKAllocSite& site) const override;                                \
-                                                                                        \
+    RqNodeType_e GetObjectType() const override {                                               \
+        return kKind;                                                                           \
+    }                                                                                           \
+    bool DispatchVisit(AVisitorRqNode& visitor) override;                                       \
+    bool DispatchExprVisit(AVisitorRqExpr& visitor) override;                                   \
+    RqNode* CloneNode(ZKAllocSite& site) const override;                                        \
+                                                                                                \
 private:
 
 class RqNode {
@@ -216,7 +218,8 @@ public:
     public:
         explicit IsObjectType(RqNodeType_e type) { m_types.set(type); }
         IsObjectType(std::initializer_list<RqNodeType_e> types) {
-            for (RqNodeType_e t : types) m_types.set(t);
+            for (RqNodeType_e t : types)
+                m_types.set(t);
         }
         bool operator()(const RqNode* node) const;
         bool operator()(const RqNode& node) const { return (*this)(&node); }
@@ -310,7 +313,8 @@ public:
     explicit Heap(T* p) : m_p(p) {}
     Heap(Heap&& other) noexcept : m_p(other.Release()) {}
     Heap& operator=(Heap&& other) noexcept {
-        if (this != &other) Reset(other.Release());
+        if (this != &other)
+            Reset(other.Release());
         return *this;
     }
     Heap(const Heap&) = delete;

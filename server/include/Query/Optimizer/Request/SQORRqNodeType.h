@@ -50,4 +50,6 @@ int RqNodeTypeMaxOperands(RqNodeType_e type);
 bool RqIsAbstractNodeType(RqNodeType_e type);
 
 // True for the expression kinds (RqExpr and everything derived from it).
-inline bool RqIsExprType(RqNodeType_e type) { return RqIsKindOf(type, kRqExpr); }
+inline bool RqIsExprType(RqNodeType_e type) {
+    return RqIsKindOf(type, kRqExpr);
+}

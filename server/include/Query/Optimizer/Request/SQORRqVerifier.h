@@ -68,7 +68,7 @@ struct RqViolation {
 };
 
 class RqVerifier {
-  public:
+public:
     // Every violation in the tree below `root` (root included), in pre-order.
     static std::vector<RqViolation> Verify(const RqNode& root);
     // One line per violation: "<kind> at <path>: <message>".

@@ -17,40 +17,108 @@ bool RemoveRedundantOrderBy::Visit(RqHandleNode& node) {
 }
 
 // The rule does its work from the root; every other node is left to the walk.
-bool RemoveRedundantOrderBy::Visit(RqStats&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqList&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqUnion&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqIntersect&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqExcept&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqSharedList&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqBreakFilter&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqProjection&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqDerivedColumn&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqDetailFilter&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqSummaryFilter&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqJoinNode&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqJoinSpec&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqAtomicTable&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqOpaqueTable&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqTransientOpaqueTable&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqXSACacheTable&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqVELDNativeTable&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqExternalTable&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqDerivedTable&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqEntity&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqTableReference&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqExpr&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqGroupBy&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqHaving&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqSortSpec&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqOrderBy&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqCache&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqDelete&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqInsert&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqDrop&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqPopulate&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqCreateIndex&) { return false; }
-bool RemoveRedundantOrderBy::Visit(RqCanonicalMap&) { return false; }
+bool RemoveRedundantOrderBy::Visit(RqStats&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqList&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqUnion&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqIntersect&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqExcept&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqSharedList&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqBreakFilter&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqProjection&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqDerivedColumn&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqDetailFilter&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqSummaryFilter&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqJoinNode&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqJoinSpec&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqAtomicTable&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqOpaqueTable&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqTransientOpaqueTable&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqXSACacheTable&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqVELDNativeTable&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqExternalTable&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqDerivedTable&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqEntity&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqTableReference&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqExpr&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqGroupBy&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqHaving&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqSortSpec&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqOrderBy&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqCache&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqDelete&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqInsert&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqDrop&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqPopulate&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqCreateIndex&) {
+    return false;
+}
+bool RemoveRedundantOrderBy::Visit(RqCanonicalMap&) {
+    return false;
+}
 
 namespace {
 

@@ -34,5 +34,6 @@ public:
 class ATransformer {
 public:
     virtual ~ATransformer() {}
-    virtual RqAbstractList* TransformRequest(RqAbstractList* request, ServerStatistics& statistics) = 0;
+    virtual RqAbstractList* TransformRequest(RqAbstractList* request,
+                                             ServerStatistics& statistics) = 0;
 };
