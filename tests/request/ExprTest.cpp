@@ -25,7 +25,7 @@ RqTargetColumn* Col(uint32_t id) {
 // Records every expression presented, in order; answers true (handled) for the ones in
 // m_handled, and runs m_onVisit first when set.
 class RecordingExprVisitor : public AVisitorRqExpr {
-  public:
+public:
 #define RQ_EV_A(cls)              \
     bool Visit(cls& e) override { \
         return Record(e);         \
@@ -45,7 +45,7 @@ class RecordingExprVisitor : public AVisitorRqExpr {
     std::set<const RqExpr*> m_handled;
     std::function<void(RqExpr&)> m_onVisit;
 
-  private:
+private:
     bool Record(RqExpr& e) {
         if (m_onVisit)
             m_onVisit(e);
@@ -57,7 +57,7 @@ class RecordingExprVisitor : public AVisitorRqExpr {
 // Overrides only the abstract overloads: the report aggregate and the no-aggregate marker
 // fall to their defaults.
 class MinimalExprVisitor : public AVisitorRqExpr {
-  public:
+public:
 #define RQ_EV_A(cls)            \
     bool Visit(cls&) override { \
         return false;           \

@@ -53,7 +53,7 @@ RqDerivedColumnReference* RefOf(const RqList& block, int column) {
 
 // Records the kinds presented; answers true for the kinds in m_handled.
 class RecordingNodeVisitor : public AVisitorRqNode {
-  public:
+public:
 #define RQ_NV_A(cls)              \
     bool Visit(cls& n) override { \
         return Record(n);         \
@@ -70,7 +70,7 @@ class RecordingNodeVisitor : public AVisitorRqNode {
     std::vector<RqNodeType_e> m_seen;
     RqNodeTypeSet m_handled;
 
-  private:
+private:
     // Expressions are all presented through Visit(RqExpr&) and recorded as kRqExpr.
     bool Record(RqNode& n) {
         const RqNodeType_e kind = n.IsExpr() ? kRqExpr : n.GetObjectType();

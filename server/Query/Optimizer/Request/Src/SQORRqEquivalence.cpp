@@ -327,7 +327,7 @@ bool IsLinkTarget(const RqNode& node) {
 
 // Positions (pre-order) of the link targets met in one side of the walk.
 class TargetPositions {
-  public:
+public:
     void Add(const RqNode* node, size_t position) { m_entries.emplace_back(node, position); }
     void Seal() { std::sort(m_entries.begin(), m_entries.end()); }
     // The position of `node` inside the walked subtree, or false when it lies outside.
@@ -340,7 +340,7 @@ class TargetPositions {
         return true;
     }
 
-  private:
+private:
     std::vector<std::pair<const RqNode*, size_t>> m_entries;
 };
 

@@ -18,7 +18,7 @@
 #include "Query/Optimizer/Request/SQORRqTreeVector.h"
 
 class RqEquivalence {
-  public:
+public:
     constexpr RqEquivalence() = default;
 
     bool operator()(const RqExpr& a, const RqExpr& b) const;
@@ -34,7 +34,7 @@ class RqEquivalence {
 
 // Strict weak order consistent with RqEquivalence.
 class LessEquivalentRqExpr {
-  public:
+public:
     bool operator()(const RqExpr* a, const RqExpr* b) const {
         return RqEquivalence::Compare(a, b) < 0;
     }
@@ -45,7 +45,7 @@ class LessEquivalentRqExpr {
 
 // Strict weak order on the kind and the own fields of two expressions, not their operands.
 class RqShallowLessThan {
-  public:
+public:
     bool operator()(const RqExpr* a, const RqExpr* b) const;
     bool operator()(const RqExpr& a, const RqExpr& b) const { return (*this)(&a, &b); }
     // Negative, zero or positive; null orders first.

@@ -23,8 +23,9 @@ public:
     // Takes ownership of the operands (null operands are kept as absent ones).
     explicit RqExpr(std::initializer_list<RqExpr*> operands) { AdoptOperands(operands); }
     template <class... E>
-        requires(sizeof...(E) > 0 && (std::is_convertible_v<E*, RqExpr*> && ...))
-    explicit RqExpr(E*... operands) : RqExpr({static_cast<RqExpr*>(operands)...}) {}
+    requires(sizeof...(E) > 0 &&
+             (std::is_convertible_v<E*, RqExpr*> && ...)) explicit RqExpr(E*... operands)
+        : RqExpr({static_cast<RqExpr*>(operands)...}) {}
 
     using RqNode::Accept;
     // Walks the expression with an expression visitor; operands that are not expressions
@@ -215,18 +216,18 @@ protected:
 };
 
 // Literals whose value is kept as text (strings, dates, times, intervals, decimals).
-#define RQ_TEXT_LITERAL(cls)                                            \
-    class cls : public RqExprLiteral {                                  \
-        RQ_EXPR_CLASS(cls)                                              \
-    public:                                                             \
+#define RQ_TEXT_LITERAL(cls)                                                 \
+    class cls : public RqExprLiteral {                                       \
+        RQ_EXPR_CLASS(cls)                                                   \
+    public:                                                                  \
         explicit cls(const ZKString& value = ZKString()) : m_value(value) {} \
-        cls(const cls&) = default;                                      \
-        const ZKString& GetValue() const { return m_value; }            \
-        void SetValue(const ZKString& value) { m_value = value; }       \
-        int CompareFields(const RqExpr& other) const override;          \
-                                                                        \
-    private:                                                            \
-        ZKString m_value;                                               \
+        cls(const cls&) = default;                                           \
+        const ZKString& GetValue() const { return m_value; }                 \
+        void SetValue(const ZKString& value) { m_value = value; }            \
+        int CompareFields(const RqExpr& other) const override;               \
+                                                                             \
+    private:                                                                 \
+        ZKString m_value;                                                    \
     };
 RQ_TEXT_LITERAL(RqExprStringLiteral)
 RQ_TEXT_LITERAL(RqExprDateLiteral)
@@ -271,38 +272,38 @@ public:
 };
 
 // Named values bound outside the expression: a request parameter, a session variable.
-#define RQ_NAMED_EXPR(cls)                                              \
-    class cls : public RqExpr {                                         \
-        RQ_EXPR_CLASS(cls)                                              \
-    public:                                                             \
+#define RQ_NAMED_EXPR(cls)                                                \
+    class cls : public RqExpr {                                           \
+        RQ_EXPR_CLASS(cls)                                                \
+    public:                                                               \
         explicit cls(const ZKString& name = ZKString()) : m_name(name) {} \
-        cls(const cls&) = default;                                      \
-        const ZKString& GetName() const { return m_name; }              \
-        void SetName(const ZKString& name) { m_name = name; }           \
-        int CompareFields(const RqExpr& other) const override;          \
-                                                                        \
-    private:                                                            \
-        ZKString m_name;                                                \
+        cls(const cls&) = default;                                        \
+        const ZKString& GetName() const { return m_name; }                \
+        void SetName(const ZKString& name) { m_name = name; }             \
+        int CompareFields(const RqExpr& other) const override;            \
+                                                                          \
+    private:                                                              \
+        ZKString m_name;                                                  \
     };
 RQ_NAMED_EXPR(RqExprParam)
 RQ_NAMED_EXPR(RqExprSessionVar)
 #undef RQ_NAMED_EXPR
 
 // References to repository metadata (an attribute, a dimension, a hierarchy level).
-#define RQ_METADATA_EXPR(cls)                                                     \
-    class cls : public RqExpr {                                                   \
-        RQ_EXPR_CLASS(cls)                                                        \
-    public:                                                                       \
-        cls() = default;                                                          \
-        cls(const VoidID& id, const ZKString& name) : m_id(id), m_name(name) {}   \
-        cls(const cls&) = default;                                                \
-        const VoidID& GetID() const { return m_id; }                              \
-        const ZKString& GetName() const { return m_name; }                        \
-        int CompareFields(const RqExpr& other) const override;                    \
-                                                                                  \
-    private:                                                                      \
-        VoidID m_id;                                                              \
-        ZKString m_name;                                                          \
+#define RQ_METADATA_EXPR(cls)                                                   \
+    class cls : public RqExpr {                                                 \
+        RQ_EXPR_CLASS(cls)                                                      \
+    public:                                                                     \
+        cls() = default;                                                        \
+        cls(const VoidID& id, const ZKString& name) : m_id(id), m_name(name) {} \
+        cls(const cls&) = default;                                              \
+        const VoidID& GetID() const { return m_id; }                            \
+        const ZKString& GetName() const { return m_name; }                      \
+        int CompareFields(const RqExpr& other) const override;                  \
+                                                                                \
+    private:                                                                    \
+        VoidID m_id;                                                            \
+        ZKString m_name;                                                        \
     };
 RQ_METADATA_EXPR(RqAttribute)
 RQ_METADATA_EXPR(RqExprDimension)
@@ -314,7 +315,8 @@ class RqExprCast : public RqExpr {
     RQ_EXPR_CLASS(RqExprCast)
 public:
     RqExprCast() = default;
-    RqExprCast(RqExpr* operand, const ZKString& typeName) : RqExpr({operand}), m_typeName(typeName) {}
+    RqExprCast(RqExpr* operand, const ZKString& typeName)
+        : RqExpr({operand}), m_typeName(typeName) {}
     RqExprCast(const RqExprCast&) = default;
     const ZKString& GetTypeName() const { return m_typeName; }
     void SetTypeName(const ZKString& typeName) { m_typeName = typeName; }
@@ -353,12 +355,12 @@ protected:
     RqExprSubquery(const RqExprSubquery&) = default;
 };
 
-#define RQ_SUBQUERY_EXPR(cls)                                   \
-    class cls : public RqExprSubquery {                         \
-        RQ_EXPR_CLASS(cls)                                      \
-    public:                                                     \
-        using RqExprSubquery::RqExprSubquery;                   \
-        cls(const cls&) = default;                              \
+#define RQ_SUBQUERY_EXPR(cls)                 \
+    class cls : public RqExprSubquery {       \
+        RQ_EXPR_CLASS(cls)                    \
+    public:                                   \
+        using RqExprSubquery::RqExprSubquery; \
+        cls(const cls&) = default;            \
     };
 RQ_SUBQUERY_EXPR(RqExprLogicalSubquery)
 RQ_SUBQUERY_EXPR(RqExprPhysicalSubquery)
@@ -399,7 +401,8 @@ public:
     RqExprColumnList() = default;
     // `bSorted`: the members are kept in a canonical order, not in the order given.
     RqExprColumnList(const RqExprVector& members, bool bSorted, bool bOwnsMembers);
-    explicit RqExprColumnList(const RqExprVector& members) : RqExprColumnList(members, false, true) {}
+    explicit RqExprColumnList(const RqExprVector& members)
+        : RqExprColumnList(members, false, true) {}
     RqExprColumnList(const RqExprColumnList&) = default;
     // A sorted list keeps its members in the LessEquivalentRqExpr order (equivalent members
     // in insertion order).
@@ -421,8 +424,9 @@ public:
     enum SortDirection { kAsc = 0, kDesc = 1, kEitherDirection = 2 };
     enum NullSortDirection { kFirst = 0, kLast = 1, kNoCare = 2 };
 
-    RqSortSpec(int columnNumber = -1, SortDirection direction = kAsc, bool bLogicalSelectList = false,
-               bool bCaseInsensitive = false, NullSortDirection nullDirection = kNoCare);
+    RqSortSpec(int columnNumber = -1, SortDirection direction = kAsc,
+               bool bLogicalSelectList = false, bool bCaseInsensitive = false,
+               NullSortDirection nullDirection = kNoCare);
     // A copy; with `keepIdentity` the copy keeps this spec's node ID.
     RqSortSpec(const RqSortSpec& other, bool keepIdentity);
     RqSortSpec(const RqSortSpec& other) : RqSortSpec(other, true) {}
@@ -476,7 +480,9 @@ public:
     RqExprColumnList* GetComputeBreak() const;
     void SetComputeBreak(RqExprColumnList* list);
     RqExprColumnList* GetSecondColumnList() const { return GetComputeBreak(); }
-    int GetNumParameters() const { return GetNumOperands() > kFirstParameter ? GetNumOperands() - kFirstParameter : 0; }
+    int GetNumParameters() const {
+        return GetNumOperands() > kFirstParameter ? GetNumOperands() - kFirstParameter : 0;
+    }
     RqExpr* GetIthParameter(int i) const { return GetIthOperand(kFirstParameter + i); }
 
     bool IsSQL99Aggregation() const { return m_bSQL99; }
@@ -563,17 +569,18 @@ protected:
 };
 
 // ---- Generated expression classes ----------------------------------------------------------
-#define RQ_GEN_G(cls, base)                 \
-    class cls : public base {               \
-        RQ_EXPR_CLASS(cls)                  \
-    public:                                 \
-        using base::base;                   \
-        cls(const cls&) = default;          \
+#define RQ_GEN_G(cls, base)        \
+    class cls : public base {      \
+        RQ_EXPR_CLASS(cls)         \
+    public:                        \
+        using base::base;          \
+        cls(const cls&) = default; \
     };
 #define RQ_GEN_H(cls, base)
 #define RQ_GEN_A(cls, base)
 #define RQ_GEN_N(cls, base)
-#define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) RQ_GEN_##decl(cls, base)
+#define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) \
+    RQ_GEN_##decl(cls, base)
 #include "Query/Optimizer/Request/SQORRqNodeKinds.def"
 #undef RQ_NODE_KIND
 #undef RQ_GEN_G

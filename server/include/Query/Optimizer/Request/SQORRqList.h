@@ -114,17 +114,17 @@ private:
 // ---- Clauses -----------------------------------------------------------------------------
 
 // WHERE, summary filter and HAVING: one condition (child 0).
-#define RQ_FILTER_CLAUSE(cls)                                                   \
-    class cls : public RqNode {                                                 \
-        RQ_NODE_CLASS(cls)                                                      \
-    public:                                                                     \
-        explicit cls(RqExpr* cond = nullptr);                                   \
-        cls(const cls& other) : RqNode(other) {}                                \
-        RqExprCond* GetCond() const;                                            \
-        RqExpr* GetCondExpr() const;                                            \
-        /* Takes ownership of the condition and destroys the old one. */        \
-        void SetCond(RqExpr* cond);                                             \
-        RqExpr* ReleaseCond();                                                  \
+#define RQ_FILTER_CLAUSE(cls)                                            \
+    class cls : public RqNode {                                          \
+        RQ_NODE_CLASS(cls)                                               \
+    public:                                                              \
+        explicit cls(RqExpr* cond = nullptr);                            \
+        cls(const cls& other) : RqNode(other) {}                         \
+        RqExprCond* GetCond() const;                                     \
+        RqExpr* GetCondExpr() const;                                     \
+        /* Takes ownership of the condition and destroys the old one. */ \
+        void SetCond(RqExpr* cond);                                      \
+        RqExpr* ReleaseCond();                                           \
     };
 RQ_FILTER_CLAUSE(RqDetailFilter)
 RQ_FILTER_CLAUSE(RqSummaryFilter)
@@ -229,7 +229,9 @@ private:
 class RqIdentifiedTable : public RqAbstractTable {
 public:
     RqIdentifiedTable() = default;
-    RqIdentifiedTable(const VoidID& tableID, int tableNum) : m_tableID(tableID) { SetTableNum(tableNum); }
+    RqIdentifiedTable(const VoidID& tableID, int tableNum) : m_tableID(tableID) {
+        SetTableNum(tableNum);
+    }
     void GetTableID(VoidID& id) const { id = m_tableID; }
     const VoidID& GetTableID() const { return m_tableID; }
     void SetTableID(const VoidID& id) { m_tableID = id; }
@@ -315,11 +317,15 @@ private:
 class RqTableReference : public RqNode {
     RQ_NODE_CLASS(RqTableReference)
 public:
-    enum DrivingTableHint { kDriving_LeftTable = 0, kDriving_RightTable = 1, kDriving_UnknownTable = 2 };
+    enum DrivingTableHint {
+        kDriving_LeftTable = 0,
+        kDriving_RightTable = 1,
+        kDriving_UnknownTable = 2
+    };
     enum ChildIndex { kLeftChild = 0, kRightChild = 1, kCondChild = 2 };
 
-    RqTableReference(SqlTableRef::JoinType joinType = SqlTableRef::kInnerJoin, RqNode* left = nullptr,
-                     RqExpr* searchCond = nullptr, RqNode* right = nullptr,
+    RqTableReference(SqlTableRef::JoinType joinType = SqlTableRef::kInnerJoin,
+                     RqNode* left = nullptr, RqExpr* searchCond = nullptr, RqNode* right = nullptr,
                      DrivingTableHint hint = kDriving_UnknownTable);
     RqTableReference(const RqTableReference&) = default;
 
@@ -509,26 +515,26 @@ private:
 };
 
 // UNION, INTERSECT and EXCEPT over their member lists (the children).
-#define RQ_SET_OPERATION(cls)                                                    \
-    class cls : public RqAbstractList {                                          \
-        RQ_NODE_CLASS(cls)                                                       \
-    public:                                                                      \
-        cls() = default;                                                         \
-        /* Takes ownership of the lists. */                                      \
-        cls(const RqAbstractListVector& lists, bool bAll);                       \
-        cls(const cls&) = default;                                               \
-        int GetNumLists() const { return GetNumChildren(); }                     \
-        RqAbstractList* GetIthList(int i) const;                                 \
-        /* Puts `list` in position i and destroys the old member. */             \
-        void SetIthList(int i, RqAbstractList* list);                            \
-        void AddList(RqAbstractList* list) { AddChild(list); }                           \
-        bool IsAll() const { return m_bAll; }                                    \
-        bool IsUnionAll() const { return m_bAll; }                               \
-        void SetAll(bool value) { m_bAll = value; }                              \
-        RqProjection* GetProjection() const override;                            \
-                                                                                 \
-    private:                                                                     \
-        bool m_bAll = false;                                                     \
+#define RQ_SET_OPERATION(cls)                                        \
+    class cls : public RqAbstractList {                              \
+        RQ_NODE_CLASS(cls)                                           \
+    public:                                                          \
+        cls() = default;                                             \
+        /* Takes ownership of the lists. */                          \
+        cls(const RqAbstractListVector& lists, bool bAll);           \
+        cls(const cls&) = default;                                   \
+        int GetNumLists() const { return GetNumChildren(); }         \
+        RqAbstractList* GetIthList(int i) const;                     \
+        /* Puts `list` in position i and destroys the old member. */ \
+        void SetIthList(int i, RqAbstractList* list);                \
+        void AddList(RqAbstractList* list) { AddChild(list); }       \
+        bool IsAll() const { return m_bAll; }                        \
+        bool IsUnionAll() const { return m_bAll; }                   \
+        void SetAll(bool value) { m_bAll = value; }                  \
+        RqProjection* GetProjection() const override;                \
+                                                                     \
+    private:                                                         \
+        bool m_bAll = false;                                         \
     };
 RQ_SET_OPERATION(RqUnion)
 RQ_SET_OPERATION(RqIntersect)
@@ -634,17 +640,17 @@ public:
 
 // Nodes that carry a name and own their children: write requests and the request kinds
 // that the rules pass through untouched.
-#define RQ_GENERIC_NODE(cls)                                                \
-    class cls : public RqNode {                                             \
-        RQ_NODE_CLASS(cls)                                                  \
-    public:                                                                 \
-        explicit cls(const ZKString& name = ZKString()) : m_name(name) {}   \
-        cls(const cls&) = default;                                          \
-        const ZKString& GetName() const { return m_name; }                  \
-        void SetName(const ZKString& name) { m_name = name; }               \
-                                                                            \
-    private:                                                                \
-        ZKString m_name;                                                    \
+#define RQ_GENERIC_NODE(cls)                                              \
+    class cls : public RqNode {                                           \
+        RQ_NODE_CLASS(cls)                                                \
+    public:                                                               \
+        explicit cls(const ZKString& name = ZKString()) : m_name(name) {} \
+        cls(const cls&) = default;                                        \
+        const ZKString& GetName() const { return m_name; }                \
+        void SetName(const ZKString& name) { m_name = name; }             \
+                                                                          \
+    private:                                                              \
+        ZKString m_name;                                                  \
     };
 RQ_GENERIC_NODE(RqWrite)
 RQ_GENERIC_NODE(RqDelete)
