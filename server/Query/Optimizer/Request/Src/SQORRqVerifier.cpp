@@ -462,7 +462,7 @@ private:
             } else if (!IsExactly(child, kRqJoinNode) || bSeenLink) {
                 Report(child != nullptr ? child : &joinSpec, RqViolation::kChildKind,
                        L"child " + Num(i) +
-                           L": a join specification holds its join nodes, then its join links");
+                           L": a join spec holds its join nodes, then its join links");
             }
         }
     }

@@ -526,7 +526,7 @@ private:
 };
 
 // Aggregates whose value depends on an order of rows; the order is their sort
-// specification: column numbers of the projection and directions.
+// keys: column numbers of the projection and directions.
 class RqExprSortDependentAggr : public RqExprAggr {
 public:
     struct SortKey {

@@ -1,6 +1,6 @@
 #pragma once
 // Query blocks and everything that is not an expression: projections and derived columns,
-// the FROM clause (join specification, join nodes, table references, tables), the clauses
+// the FROM clause (join spec, join nodes, table references, tables), the clauses
 // of a block, set operations, break filters, shared and cache lists, write requests.
 
 #include <cstdint>
@@ -386,7 +386,7 @@ public:
     RqJoinNode(const RqJoinNode&) = default;
     RqTableReference* GetTableReference() const;
     bool IsPreserved() const { return m_bPreserved; }
-    // The join links of the join specification that start or end at this node.
+    // The join links of the join spec that start or end at this node.
     void GetIncidentLinks(std::vector<RqJoinLink*>& out) const;
 
 private:
@@ -467,7 +467,7 @@ private:
 };
 
 // One query block. Children, in this order (absent clauses are null): 0 projection, 1 join
-// specification, 2 detail filter, 3 summary filter, 4 group-by, 5 having, 6 order-by.
+// spec, 2 detail filter, 3 summary filter, 4 group-by, 5 having, 6 order-by.
 class RqList : public RqAbstractList {
     RQ_NODE_CLASS(RqList)
 public:
