@@ -13,8 +13,12 @@ using namespace rqb;
 namespace {
 
 // Texts are compared as UTF-8 so that a failure prints them readably.
-std::string Text(const RqNode* node, ARpGateway* rp = nullptr) { return ToString(node, rp).ToUtf8(); }
-std::string U(const ZKString& text) { return text.ToUtf8(); }
+std::string Text(const RqNode* node, ARpGateway* rp = nullptr) {
+    return ToString(node, rp).ToUtf8();
+}
+std::string U(const ZKString& text) {
+    return text.ToUtf8();
+}
 
 // A request over a derived table:
 //   outer: SELECT inner.#0, inner.#1 + 1 FROM (inner) WHERE EXISTS (sub)
@@ -27,13 +31,25 @@ struct NestedRequest {
     RqList* m_pSub = nullptr;
 
     NestedRequest() {
-        m_pInner = Block().Label(L"inner").Select(Col(L"a", 1)).Select(Sum(Col(L"b", 1))).From(Table(VoidID(3, 1), 1))
+        m_pInner = Block()
+                       .Label(L"inner")
+                       .Select(Col(L"a", 1))
+                       .Select(Sum(Col(L"b", 1)))
+                       .From(Table(VoidID(3, 1), 1))
                        .GroupBy({Col(L"a", 1)})
                        .Build();
-        m_pSub = Block().Label(L"sub").Select(rqb::Ref(*m_pInner, 0)).From(Table(VoidID(3, 2), 2)).Build();
+        m_pSub = Block()
+                     .Label(L"sub")
+                     .Select(rqb::Ref(*m_pInner, 0))
+                     .From(Table(VoidID(3, 2), 2))
+                     .Build();
         RqExpr* first = rqb::Ref(*m_pInner, 0);
         RqExpr* second = Add(rqb::Ref(*m_pInner, 1), Int(1));
-        m_pOuter = Block().Label(L"outer").Select(first).Select(second).From(Derived(m_pInner, 3))
+        m_pOuter = Block()
+                       .Label(L"outer")
+                       .Select(first)
+                       .Select(second)
+                       .From(Derived(m_pInner, 3))
                        .Where(Exists(m_pSub))
                        .Build();
         m_request.Reset(Request(m_pOuter));
@@ -77,7 +93,8 @@ TEST(UtilityTest, FindNodesCanStopAtMatchesAndTakesAnyPredicateForm) {
 
     // A predicate on mutable nodes, and kind tests that include derived kinds.
     RqNodeVector aggregates;
-    FindNodes(r.m_request.Get(), [](RqNode* node) { return RqNode::IsAggrNode(node); }, aggregates);
+    FindNodes(
+        r.m_request.Get(), [](RqNode* node) { return RqNode::IsAggrNode(node); }, aggregates);
     ASSERT_EQ(aggregates.size(), 1u);
     EXPECT_EQ(aggregates[0]->GetObjectType(), kRqExprAggrSum);
 
@@ -95,12 +112,14 @@ TEST(UtilityTest, FoundNodesAnswersWhetherAnyNodeMatches) {
     EXPECT_FALSE(FoundNodes(root, RqNode::IsObjectType(kRqUnion)));
     EXPECT_FALSE(FoundNodes(r.m_pSub, RqNode::IsObjectType(kRqExprAggr)));
     // A predicate written for mutable nodes is accepted on a constant tree.
-    EXPECT_TRUE(FoundNodes(root, [](RqNode* node) { return node == nullptr ? false : node->IsRqList(); }));
+    EXPECT_TRUE(
+        FoundNodes(root, [](RqNode* node) { return node == nullptr ? false : node->IsRqList(); }));
     EXPECT_FALSE(FoundNodes(nullptr, RqNode::IsObjectType(kRqList)));
 }
 
 TEST(UtilityTest, FindTableNodesDoesNotDescendBelowAMatch) {
-    RqList* left = Block().Select(Col(L"a", 1)).From(Derived(Block().Select(Col(L"a", 1)).Build(), 1)).Build();
+    RqList* left =
+        Block().Select(Col(L"a", 1)).From(Derived(Block().Select(Col(L"a", 1)).Build(), 1)).Build();
     RqList* right = Block().Select(Col(L"b", 2)).From(Table(VoidID(3, 2), 2)).Build();
     Heap<RqHandleNode> request(Request(Union({left, right}, true)));
 
@@ -125,7 +144,8 @@ TEST(UtilityTest, CollectorsWalkVeryDeepTreesWithoutRecursion) {
     // A left-deep chain of 100000 ANDs would overflow a recursive walk.
     const int depth = 100000;
     RqExpr* chain = Eq(Col(L"a", 1), Int(0));
-    for (int i = 1; i <= depth; ++i) chain = And(chain, Eq(Col(L"a", 1), Int(i)));
+    for (int i = 1; i <= depth; ++i)
+        chain = And(chain, Eq(Col(L"a", 1), Int(i)));
     Heap<RqExpr> owner(chain);
 
     RqNodeVector literals;
@@ -155,10 +175,14 @@ TEST(UtilityTest, ParentSearchesFindTheNearestStrictAncestor) {
 
     EXPECT_EQ(RqNodeUtility::GetParentNodeOfType(sum, RqNode::IsObjectType(kRqDerivedTable)),
               r.m_pInner->GetParent());
-    EXPECT_EQ(RqNodeUtility::GetParentNodeOfType(sum, RqNode::IsObjectType(kRqHandleNode)), r.m_request.Get());
-    EXPECT_EQ(RqNodeUtility::GetParentNodeOfType(sum, RqNode::IsObjectType({kRqDerivedColumn, kRqJoinSpec})),
+    EXPECT_EQ(RqNodeUtility::GetParentNodeOfType(sum, RqNode::IsObjectType(kRqHandleNode)),
+              r.m_request.Get());
+    EXPECT_EQ(RqNodeUtility::GetParentNodeOfType(
+                  sum, RqNode::IsObjectType({kRqDerivedColumn, kRqJoinSpec})),
               innerColumn);
-    EXPECT_EQ(RqNodeUtility::GetParentNodeOfType(r.m_request.Get(), RqNode::IsObjectType(kRqNullNode)), nullptr);
+    EXPECT_EQ(
+        RqNodeUtility::GetParentNodeOfType(r.m_request.Get(), RqNode::IsObjectType(kRqNullNode)),
+        nullptr);
 
     // The subquery's block lies below the outer block's WHERE clause.
     EXPECT_EQ(RqNodeUtility::GetParentRqList(r.m_pSub), r.m_pOuter);
@@ -184,11 +208,13 @@ TEST(UtilityTest, ChildListsAreTheOutermostListsBelowANode) {
 TEST(UtilityTest, PathNamesKindsAndChildIndexesFromTheRoot) {
     NestedRequest r;
     EXPECT_EQ(U(RqNodeUtility::GetPath(r.m_request.Get())), "RqHandleNode");
-    EXPECT_EQ(U(RqNodeUtility::GetPath(r.m_pInner->GetProjection()->GetIthColumn(1))),
-              "RqHandleNode/RqList[0]/RqJoinSpec[1]/RqJoinNode[0]/RqTableReference[0]/RqDerivedTable[0]/"
-              "RqList[0]/RqProjection[0]/RqDerivedColumn[1]");
+    EXPECT_EQ(
+        U(RqNodeUtility::GetPath(r.m_pInner->GetProjection()->GetIthColumn(1))),
+        "RqHandleNode/RqList[0]/RqJoinSpec[1]/RqJoinNode[0]/RqTableReference[0]/RqDerivedTable[0]/"
+        "RqList[0]/RqProjection[0]/RqDerivedColumn[1]");
     EXPECT_EQ(U(RqNodeUtility::GetPath(r.m_pSub)),
-              "RqHandleNode/RqList[0]/RqDetailFilter[2]/RqExprCondExists[0]/RqExprLogicalSubquery[0]/RqList[0]");
+              "RqHandleNode/RqList[0]/RqDetailFilter[2]/RqExprCondExists[0]/"
+              "RqExprLogicalSubquery[0]/RqList[0]");
     // A detached subtree is named from its own top.
     Heap<RqExpr> expr(Add(Col(L"a", 1), Mul(Col(L"b", 1), Int(2))));
     EXPECT_EQ(U(RqNodeUtility::GetPath(expr->GetIthOperand(1)->GetIthOperand(1))),
@@ -196,23 +222,27 @@ TEST(UtilityTest, PathNamesKindsAndChildIndexesFromTheRoot) {
     EXPECT_EQ(U(RqNodeUtility::GetPath(nullptr)), "<null>");
 }
 
-// ---- Expression searches -------------------------------------------------------------------------
+// ---- Expression searches
+// -------------------------------------------------------------------------
 
 TEST(UtilityTest, FindEquivalentSubExprReturnsTheFirstInPreOrder) {
     // (a + b) * (a + b) - b
-    Heap<RqExpr> root(Sub(Mul(Add(Col(L"a", 1), Col(L"b", 1)), Add(Col(L"a", 1), Col(L"b", 1))), Col(L"b", 1)));
+    Heap<RqExpr> root(
+        Sub(Mul(Add(Col(L"a", 1), Col(L"b", 1)), Add(Col(L"a", 1), Col(L"b", 1))), Col(L"b", 1)));
     Heap<RqExpr> sumPattern(Add(Col(L"a", 1), Col(L"b", 1)));
     Heap<RqExpr> columnPattern(Col(L"b", 1));
     Heap<RqExpr> absent(Add(Col(L"b", 1), Col(L"a", 1)));
 
     RqExpr* product = root->GetIthOperand(0);
-    EXPECT_EQ(SubExprFinder::FindEquivalentSubExpr(root.Get(), *sumPattern), product->GetIthOperand(0));
+    EXPECT_EQ(SubExprFinder::FindEquivalentSubExpr(root.Get(), *sumPattern),
+              product->GetIthOperand(0));
     // The first b met in pre-order is inside the product, not the right operand of the root.
     EXPECT_EQ(SubExprFinder::FindEquivalentSubExpr(root.Get(), *columnPattern),
               product->GetIthOperand(0)->GetIthOperand(1));
     EXPECT_EQ(SubExprFinder::FindEquivalentSubExpr(root.Get(), *root), root.Get());
     EXPECT_EQ(SubExprFinder::FindEquivalentSubExpr(root.Get(), *absent), nullptr);
-    EXPECT_EQ(SubExprFinder::FindEquivalentSubExpr(static_cast<const RqExpr*>(nullptr), *absent), nullptr);
+    EXPECT_EQ(SubExprFinder::FindEquivalentSubExpr(static_cast<const RqExpr*>(nullptr), *absent),
+              nullptr);
 }
 
 TEST(UtilityTest, AllDerivedColumnReferencesIncludeThoseOfSubqueries) {
@@ -255,7 +285,8 @@ TEST(UtilityTest, ArithmeticIsInfixWithParenthesesOnlyWhereTheTreeNeedsThem) {
 
 TEST(UtilityTest, ConditionsReadLikeSql) {
     auto a = [] { return Col(L"a", 1); };
-    Heap<RqExpr> e1(And(Or(Eq(a(), Int(1)), Ne(Col(L"b", 1), Str(L"x"))), Not(IsNull(Col(L"c", 1)))));
+    Heap<RqExpr> e1(
+        And(Or(Eq(a(), Int(1)), Ne(Col(L"b", 1), Str(L"x"))), Not(IsNull(Col(L"c", 1)))));
     Heap<RqExpr> e2(Or(Lt(a(), Int(1)), And(Ge(a(), Int(5)), Le(a(), Float(7.5)))));
     Heap<RqExpr> e3(Between(a(), Int(1), Add(Int(2), Int(3))));
     Heap<RqExpr> e4(Like(Col(L"name", 2), Str(L"A%")));
@@ -316,7 +347,8 @@ TEST(UtilityTest, AggregatesShowDistinctByListComputeBreakAndSortKeys) {
     RqExprAggrMax* atBreak = Max(Add(a(), Int(1)), By({b()}), ComputeBreak({Col(L"c", 1)}));
     atBreak->SetDistinctComputeBreak(true);
     Heap<RqExpr> breakOwner(atBreak);
-    Heap<RqExpr> rank(SortedBy(Aggr<RqExprAggrRank>(a(), By({})), {{3, RqSortSpec::kDesc}, {0, RqSortSpec::kAsc}}));
+    Heap<RqExpr> rank(SortedBy(Aggr<RqExprAggrRank>(a(), By({})),
+                               {{3, RqSortSpec::kDesc}, {0, RqSortSpec::kAsc}}));
     Heap<RqExpr> nested(Div(Sum(a()), Count(a())));
 
     EXPECT_EQ(Text(plain.Get()), "SUM(T1.a)");
@@ -360,16 +392,19 @@ TEST(UtilityTest, NodesOtherThanExpressionsGetAShortDescription) {
     NestedRequest r;
     r.m_pOuter->SetDistinct(true);
     r.m_pOuter->SetRowLimit(10);
-    r.m_pOuter->SetOrderBy(RQ_NEW RqOrderBy({RQ_NEW RqSortSpec(1, RqSortSpec::kDesc), RQ_NEW RqSortSpec(0)}));
+    r.m_pOuter->SetOrderBy(
+        RQ_NEW RqOrderBy({RQ_NEW RqSortSpec(1, RqSortSpec::kDesc), RQ_NEW RqSortSpec(0)}));
     RqDerivedColumn* second = r.m_pOuter->GetProjection()->GetIthColumn(1);
     const std::string num = std::to_string(second->GetColumnNum());
-    const std::string sumNum = std::to_string(r.m_pInner->GetProjection()->GetIthColumn(1)->GetColumnNum());
+    const std::string sumNum =
+        std::to_string(r.m_pInner->GetProjection()->GetIthColumn(1)->GetColumnNum());
 
     EXPECT_EQ(Text(r.m_pOuter), "RqList label=outer distinct limit=10");
     EXPECT_EQ(Text(second), "RqDerivedColumn #" + num + ": inner.#" + sumNum + " + 1");
     EXPECT_EQ(Text(r.m_pOuter->GetOrderBy()), "RqOrderBy (#1 DESC, #0 ASC)");
     EXPECT_EQ(Text(r.m_pInner->GetGroupBy()), "RqGroupBy: (T1.a)");
-    EXPECT_EQ(Text(r.m_pOuter->GetDetailFilter()), "RqDetailFilter: EXISTS(LOGICALSUBQUERY(RqList label=sub))");
+    EXPECT_EQ(Text(r.m_pOuter->GetDetailFilter()),
+              "RqDetailFilter: EXISTS(LOGICALSUBQUERY(RqList label=sub))");
     EXPECT_EQ(Text(r.m_pInner->GetParent()), "RqDerivedTable T3");
     EXPECT_EQ(Text(r.m_pInner->GetJoinSpec()->GetIthTableReference(0)), "RqTableReference INNER");
     EXPECT_EQ(Text(r.m_request.Get()), "RqHandleNode");

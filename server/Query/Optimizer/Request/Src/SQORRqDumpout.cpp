@@ -18,14 +18,16 @@ ZKString TargetText(const RqNode& node) {
         text += L" target=";
         text += name != nullptr ? ZKString(name) : ZKString::FromInt(static_cast<int>(type));
     }
-    if (!node.GetTargetID().IsNullID()) text += L" targetID=" + node.GetTargetID().ToString();
+    if (!node.GetTargetID().IsNullID())
+        text += L" targetID=" + node.GetTargetID().ToString();
     return text;
 }
 
 }  // namespace
 
 ZKString RqDumpout::StringFrom(const RqNode* root, ARpGateway* rp) {
-    if (root == nullptr) return L"<null>\n";
+    if (root == nullptr)
+        return L"<null>\n";
     ZKString out;
     // Explicit stack of (node, depth): a deep tree must not exhaust the call stack.
     std::vector<std::pair<const RqNode*, int>> work{{root, 0}};
@@ -43,22 +45,27 @@ ZKString RqDumpout::StringFrom(const RqNode* root, ARpGateway* rp) {
             // The expression's text names the blocks of its subqueries; their contents
             // follow below it.
             RqNodeVector subqueries;
-            FindNodes(const_cast<RqNode*>(node), RqNode::IsObjectType(kRqExprSubquery), subqueries, false);
+            FindNodes(const_cast<RqNode*>(node), RqNode::IsObjectType(kRqExprSubquery), subqueries,
+                      false);
             for (const RqNode* subquery : subqueries) {
                 for (int i = 0; i < subquery->GetNumChildren(); ++i) {
                     const RqNode* child = subquery->GetIthChild(i);
-                    if (child != nullptr && !child->IsExpr()) below.push_back(child);
+                    if (child != nullptr && !child->IsExpr())
+                        below.push_back(child);
                 }
             }
         } else {
             const ZKString fields = RqNodeUtility::GetFieldsText(node, rp);
-            if (!fields.empty()) out += L" " + fields;
+            if (!fields.empty())
+                out += L" " + fields;
             for (int i = 0; i < node->GetNumChildren(); ++i) {
-                if (const RqNode* child = node->GetIthChild(i)) below.push_back(child);
+                if (const RqNode* child = node->GetIthChild(i))
+                    below.push_back(child);
             }
         }
         out += L"\n";
-        for (auto it = below.rbegin(); it != below.rend(); ++it) work.emplace_back(*it, depth + 1);
+        for (auto it = below.rbegin(); it != below.rend(); ++it)
+            work.emplace_back(*it, depth + 1);
     }
     return out;
 }

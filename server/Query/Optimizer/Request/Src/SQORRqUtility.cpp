@@ -17,7 +17,9 @@
 //   column lists     (a, b)
 //   other leaves     PARAM(name), SESSIONVAR(name), ATTRIBUTE(name), DIMENSION(name),
 //                    LEVEL(name), CAST(a AS type), EXTERNALDATA(CSV, n chars)
-//   absent operand   <none>; a query block below a subquery: its node description.
+//   absent operand   <none>
+//   subquery         LOGICALSUBQUERY(RqList label=sub), or LOGICALSUBQUERY(RqList[[17]]) for
+//                    a block without a label: the block's kind, node ID when unlabeled, fields
 
 #include "Query/Optimizer/Request/SQORRqUtility.h"
 
@@ -48,11 +50,14 @@ enum Precedence {
 ZKString Widen(std::string_view text) {
     ZKString out;
     out.reserve(text.size());
-    for (char c : text) out.push_back(static_cast<wchar_t>(static_cast<unsigned char>(c)));
+    for (char c : text)
+        out.push_back(static_cast<wchar_t>(static_cast<unsigned char>(c)));
     return out;
 }
 
-ZKString Num(long long value) { return ZKString::FromInt(value); }
+ZKString Num(long long value) {
+    return ZKString::FromInt(value);
+}
 
 // Keeps a text on one line.
 ZKString OneLine(std::wstring_view text) {
@@ -80,14 +85,17 @@ ZKString OneLine(std::wstring_view text) {
 ZKString Quote(std::wstring_view text) {
     ZKString out = L"'";
     for (wchar_t c : OneLine(text)) {
-        if (c == L'\'') out.push_back(L'\'');
+        if (c == L'\'')
+            out.push_back(L'\'');
         out.push_back(c);
     }
     out.push_back(L'\'');
     return out;
 }
 
-ZKString KindName(RqNodeType_e kind) { return Widen(RqNodeTypeName(kind)); }
+ZKString KindName(RqNodeType_e kind) {
+    return Widen(RqNodeTypeName(kind));
+}
 
 // The name of a function-like expression: its kind name without the class prefix.
 ZKString FunctionName(RqNodeType_e kind) {
@@ -99,26 +107,31 @@ ZKString FunctionName(RqNodeType_e kind) {
         }
     }
     ZKString out = Widen(name);
-    for (wchar_t& c : out) c = static_cast<wchar_t>(std::towupper(c));
+    for (wchar_t& c : out)
+        c = static_cast<wchar_t>(std::towupper(c));
     return out;
 }
 
 ZKString NodeRef(const RqNode* node) {
-    if (node == nullptr) return L"<null>";
+    if (node == nullptr)
+        return L"<null>";
     return KindName(node->GetObjectType()) + node->GetNodeID().ToString();
 }
 
 // A list named for the reader: its label, or its kind and node ID.
 ZKString ListRef(const RqAbstractList* list) {
-    if (list == nullptr) return L"<null>";
-    if (!list->GetLabel().empty()) return OneLine(list->GetLabel());
+    if (list == nullptr)
+        return L"<null>";
+    if (!list->GetLabel().empty())
+        return OneLine(list->GetLabel());
     return NodeRef(list);
 }
 
 ZKString IndexList(const UInt16Vector& indexes) {
     ZKString out = L"(";
     for (size_t i = 0; i < indexes.size(); ++i) {
-        if (i > 0) out += L", ";
+        if (i > 0)
+            out += L", ";
         out += Num(indexes[i]);
     }
     return out + L")";
@@ -127,7 +140,8 @@ ZKString IndexList(const UInt16Vector& indexes) {
 ZKString TextList(const std::vector<ZKString>& texts) {
     ZKString out = L"(";
     for (size_t i = 0; i < texts.size(); ++i) {
-        if (i > 0) out += L", ";
+        if (i > 0)
+            out += L", ";
         out += OneLine(texts[i]);
     }
     return out + L")";
@@ -146,7 +160,8 @@ const wchar_t* DirectionName(RqSortSpec::SortDirection direction) {
 }
 
 ZKString ColumnNumText(int columnNum) {
-    return columnNum == RqDerivedColumn::kUnknownColumnNum ? ZKString(L"#?") : L"#" + Num(columnNum);
+    return columnNum == RqDerivedColumn::kUnknownColumnNum ? ZKString(L"#?")
+                                                           : L"#" + Num(columnNum);
 }
 
 const wchar_t* JoinTypeName(SqlTableRef::JoinType type) {
@@ -169,7 +184,8 @@ const wchar_t* JoinTypeName(SqlTableRef::JoinType type) {
 
 // Appends a word to a space-separated field text.
 void AddWord(ZKString& fields, const ZKString& word) {
-    if (!fields.empty()) fields.push_back(L' ');
+    if (!fields.empty())
+        fields.push_back(L' ');
     fields += word;
 }
 
@@ -216,18 +232,26 @@ public:
             parts.clear();
             const int prec = Expand(*static_cast<const RqExpr*>(piece.m_pNode), parts);
             const bool bParens = prec < piece.m_minPrec;
-            if (bParens) work.push_back(Piece::Text(L")"));
-            for (auto it = parts.rbegin(); it != parts.rend(); ++it) work.push_back(std::move(*it));
-            if (bParens) work.push_back(Piece::Text(L"("));
+            if (bParens)
+                work.push_back(Piece::Text(L")"));
+            for (auto it = parts.rbegin(); it != parts.rend(); ++it)
+                work.push_back(std::move(*it));
+            if (bParens)
+                work.push_back(Piece::Text(L"("));
         }
     }
 
 private:
-    // A non-expression met inside an expression (the query block of a subquery).
+    // A non-expression met inside an expression (the query block of a subquery). A list
+    // without a label is named by its node ID as well, so that a dump can be matched up.
     ZKString DescribeNonExpr(const RqNode* node) const {
         ZKString out = KindName(node->GetObjectType());
+        const auto* list = dynamic_cast<const RqAbstractList*>(node);
+        if (list != nullptr && list->GetLabel().empty())
+            out += node->GetNodeID().ToString();
         const ZKString fields = RqNodeUtility::GetFieldsText(node, m_pRp);
-        if (!fields.empty()) out += L" " + fields;
+        if (!fields.empty())
+            out += L" " + fields;
         return out;
     }
 
@@ -239,7 +263,8 @@ private:
     static int Generic(const ZKString& name, const RqExpr& expr, std::vector<Piece>& parts) {
         parts.push_back(Piece::Text(name + L"("));
         for (int i = 0; i < expr.GetNumChildren(); ++i) {
-            if (i > 0) parts.push_back(Piece::Text(L", "));
+            if (i > 0)
+                parts.push_back(Piece::Text(L", "));
             parts.push_back(Piece::Node(expr.GetIthChild(i), kPrecNone));
         }
         parts.push_back(Piece::Text(L")"));
@@ -249,14 +274,16 @@ private:
     // Left-associative infix over all operands: a op b op c.
     static int Infix(const wchar_t* op, int prec, const RqExpr& expr, std::vector<Piece>& parts) {
         for (int i = 0; i < expr.GetNumChildren(); ++i) {
-            if (i > 0) parts.push_back(Piece::Text(op));
+            if (i > 0)
+                parts.push_back(Piece::Text(op));
             parts.push_back(Piece::Node(expr.GetIthChild(i), i == 0 ? prec : prec + 1));
         }
         return prec;
     }
 
     static int Compare(const wchar_t* op, const RqExpr& expr, std::vector<Piece>& parts) {
-        if (expr.GetNumChildren() != 2) return Generic(FunctionName(expr.GetObjectType()), expr, parts);
+        if (expr.GetNumChildren() != 2)
+            return Generic(FunctionName(expr.GetObjectType()), expr, parts);
         parts.push_back(Piece::Node(expr.GetIthChild(0), kPrecCompare + 1));
         parts.push_back(Piece::Text(op));
         parts.push_back(Piece::Node(expr.GetIthChild(1), kPrecCompare + 1));
@@ -264,7 +291,8 @@ private:
     }
 
     static int Quantified(const wchar_t* op, const RqExpr& expr, std::vector<Piece>& parts) {
-        if (expr.GetNumChildren() != 2) return Generic(FunctionName(expr.GetObjectType()), expr, parts);
+        if (expr.GetNumChildren() != 2)
+            return Generic(FunctionName(expr.GetObjectType()), expr, parts);
         parts.push_back(Piece::Node(expr.GetIthChild(0), kPrecCompare + 1));
         parts.push_back(Piece::Text(op));
         parts.push_back(Piece::Node(expr.GetIthChild(1), kPrecPrimary));
@@ -274,7 +302,8 @@ private:
     static int List(const RqExpr& expr, std::vector<Piece>& parts) {
         parts.push_back(Piece::Text(L"("));
         for (int i = 0; i < expr.GetNumChildren(); ++i) {
-            if (i > 0) parts.push_back(Piece::Text(L", "));
+            if (i > 0)
+                parts.push_back(Piece::Text(L", "));
             parts.push_back(Piece::Node(expr.GetIthChild(i), kPrecNone));
         }
         parts.push_back(Piece::Text(L")"));
@@ -300,7 +329,8 @@ private:
         ZKString name = column.GetName();
         if (name.empty() && m_pRp != nullptr && !column.GetColumnID().IsNullID()) {
             RefAColumn found = RefHelper::GetColumn(m_pRp, column.GetColumnID());
-            if (found) name = found->GetName();
+            if (found)
+                name = found->GetName();
         }
         if (name.empty()) {
             name = column.GetColumnID().IsNullID() ? ZKString(L"?")
@@ -311,18 +341,21 @@ private:
 
     static ZKString ReferenceText(const RqDerivedColumnReference& ref) {
         const RqDerivedColumn* column = ref.GetDerivedColumn();
-        if (column == nullptr) return L"L?.#?";
+        if (column == nullptr)
+            return L"L?.#?";
         const RqAbstractList* list = column->GetRqAbstractListContainer();
-        const ZKString label =
-            (list != nullptr && !list->GetLabel().empty()) ? OneLine(list->GetLabel()) : ZKString(L"L?");
+        const ZKString label = (list != nullptr && !list->GetLabel().empty())
+                                   ? OneLine(list->GetLabel())
+                                   : ZKString(L"L?");
         return label + L"." + ColumnNumText(column->GetColumnNum());
     }
 
     static int Aggregate(const RqExprAggr& aggr, std::vector<Piece>& parts) {
         const bool bCountStar = aggr.GetObjectType() == kRqExprAggrCountStar;
-        parts.push_back(Piece::Text((bCountStar ? ZKString(L"COUNT") : FunctionName(aggr.GetObjectType())) +
-                                    L"("));
-        if (aggr.IsDistinctAggregation()) parts.push_back(Piece::Text(L"DISTINCT "));
+        parts.push_back(Piece::Text(
+            (bCountStar ? ZKString(L"COUNT") : FunctionName(aggr.GetObjectType())) + L"("));
+        if (aggr.IsDistinctAggregation())
+            parts.push_back(Piece::Text(L"DISTINCT "));
         const RqNode* measure = Child(aggr, RqExprAggr::kMeasure);
         if (bCountStar || measure == nullptr) {
             parts.push_back(Piece::Text(L"*"));
@@ -338,7 +371,8 @@ private:
             parts.push_back(Piece::Node(byList, kPrecPrimary));
         }
         if (const RqNode* computeBreak = Child(aggr, RqExprAggr::kComputeBreak)) {
-            parts.push_back(Piece::Text(aggr.HasDistinctComputeBreak() ? L" AT DISTINCT " : L" AT "));
+            parts.push_back(
+                Piece::Text(aggr.HasDistinctComputeBreak() ? L" AT DISTINCT " : L" AT "));
             parts.push_back(Piece::Node(computeBreak, kPrecPrimary));
         }
         if (const auto* sorted = dynamic_cast<const RqExprSortDependentAggr*>(&aggr)) {
@@ -346,8 +380,10 @@ private:
             if (!keys.empty()) {
                 ZKString text = L" ORDER BY (";
                 for (size_t i = 0; i < keys.size(); ++i) {
-                    if (i > 0) text += L", ";
-                    text += ColumnNumText(keys[i].m_columnNumber) + L" " + DirectionName(keys[i].m_direction);
+                    if (i > 0)
+                        text += L", ";
+                    text += ColumnNumText(keys[i].m_columnNumber) + L" " +
+                            DirectionName(keys[i].m_direction);
                 }
                 parts.push_back(Piece::Text(text + L")"));
             }
@@ -364,13 +400,17 @@ private:
             case kRqExprAdd:
                 return n == 2 ? Infix(L" + ", kPrecAdd, expr, parts) : Generic(L"ADD", expr, parts);
             case kRqExprSubtract:
-                return n == 2 ? Infix(L" - ", kPrecAdd, expr, parts) : Generic(L"SUBTRACT", expr, parts);
+                return n == 2 ? Infix(L" - ", kPrecAdd, expr, parts)
+                              : Generic(L"SUBTRACT", expr, parts);
             case kRqExprMultiply:
-                return n == 2 ? Infix(L" * ", kPrecMul, expr, parts) : Generic(L"MULTIPLY", expr, parts);
+                return n == 2 ? Infix(L" * ", kPrecMul, expr, parts)
+                              : Generic(L"MULTIPLY", expr, parts);
             case kRqExprDivide:
-                return n == 2 ? Infix(L" / ", kPrecMul, expr, parts) : Generic(L"DIVIDE", expr, parts);
+                return n == 2 ? Infix(L" / ", kPrecMul, expr, parts)
+                              : Generic(L"DIVIDE", expr, parts);
             case kRqExprUnaryMinus:
-                if (n != 1) return Generic(L"UNARYMINUS", expr, parts);
+                if (n != 1)
+                    return Generic(L"UNARYMINUS", expr, parts);
                 parts.push_back(Piece::Text(L"-"));
                 parts.push_back(Piece::Node(expr.GetIthChild(0), kPrecPrimary));
                 return kPrecUnary;
@@ -409,21 +449,25 @@ private:
                 return Quantified(L" >= ALL ", expr, parts);
 
             case kRqExprCondAnd:
-                return n >= 1 ? Infix(L" AND ", kPrecAnd, expr, parts) : Generic(L"AND", expr, parts);
+                return n >= 1 ? Infix(L" AND ", kPrecAnd, expr, parts)
+                              : Generic(L"AND", expr, parts);
             case kRqExprCondOr:
                 return n >= 1 ? Infix(L" OR ", kPrecOr, expr, parts) : Generic(L"OR", expr, parts);
             case kRqExprCondNot:
-                if (n != 1) return Generic(L"NOT", expr, parts);
+                if (n != 1)
+                    return Generic(L"NOT", expr, parts);
                 parts.push_back(Piece::Text(L"NOT "));
                 parts.push_back(Piece::Node(expr.GetIthChild(0), kPrecPrimary + 1));
                 return kPrecNot;
             case kRqExprCondIsNull:
-                if (n != 1) return Generic(L"ISNULL", expr, parts);
+                if (n != 1)
+                    return Generic(L"ISNULL", expr, parts);
                 parts.push_back(Piece::Node(expr.GetIthChild(0), kPrecCompare + 1));
                 parts.push_back(Piece::Text(L" IS NULL"));
                 return kPrecCompare;
             case kRqExprCondBetween:
-                if (n != 3) return Generic(L"BETWEEN", expr, parts);
+                if (n != 3)
+                    return Generic(L"BETWEEN", expr, parts);
                 parts.push_back(Piece::Node(expr.GetIthChild(0), kPrecCompare + 1));
                 parts.push_back(Piece::Text(L" BETWEEN "));
                 parts.push_back(Piece::Node(expr.GetIthChild(1), kPrecCompare + 1));
@@ -431,7 +475,8 @@ private:
                 parts.push_back(Piece::Node(expr.GetIthChild(2), kPrecCompare + 1));
                 return kPrecCompare;
             case kRqExprCondLike:
-                if (n != 2 && n != 3) return Generic(L"LIKE", expr, parts);
+                if (n != 2 && n != 3)
+                    return Generic(L"LIKE", expr, parts);
                 parts.push_back(Piece::Node(expr.GetIthChild(0), kPrecCompare + 1));
                 parts.push_back(Piece::Text(L" LIKE "));
                 parts.push_back(Piece::Node(expr.GetIthChild(1), kPrecCompare + 1));
@@ -441,11 +486,13 @@ private:
                 }
                 return kPrecCompare;
             case kRqExprCondIn:
-                if (n < 2) return Generic(L"IN", expr, parts);
+                if (n < 2)
+                    return Generic(L"IN", expr, parts);
                 parts.push_back(Piece::Node(expr.GetIthChild(0), kPrecCompare + 1));
                 parts.push_back(Piece::Text(L" IN ("));
                 for (int i = 1; i < n; ++i) {
-                    if (i > 1) parts.push_back(Piece::Text(L", "));
+                    if (i > 1)
+                        parts.push_back(Piece::Text(L", "));
                     parts.push_back(Piece::Node(expr.GetIthChild(i), kPrecNone));
                 }
                 parts.push_back(Piece::Text(L")"));
@@ -460,35 +507,49 @@ private:
             case kRqTargetCacheColumn:
                 return Leaf(TargetColumnText(static_cast<const RqTargetColumn&>(expr)), parts);
             case kRqDerivedColumnReference:
-                return Leaf(ReferenceText(static_cast<const RqDerivedColumnReference&>(expr)), parts);
+                return Leaf(ReferenceText(static_cast<const RqDerivedColumnReference&>(expr)),
+                            parts);
 
             case kRqExprStringLiteral:
                 return Leaf(Quote(static_cast<const RqExprStringLiteral&>(expr).GetValue()), parts);
             case kRqExprDateLiteral:
-                return Leaf(L"DATE " + Quote(static_cast<const RqExprDateLiteral&>(expr).GetValue()), parts);
+                return Leaf(
+                    L"DATE " + Quote(static_cast<const RqExprDateLiteral&>(expr).GetValue()),
+                    parts);
             case kRqExprTimeLiteral:
-                return Leaf(L"TIME " + Quote(static_cast<const RqExprTimeLiteral&>(expr).GetValue()), parts);
+                return Leaf(
+                    L"TIME " + Quote(static_cast<const RqExprTimeLiteral&>(expr).GetValue()),
+                    parts);
             case kRqExprDateTimeLiteral:
-                return Leaf(L"TIMESTAMP " + Quote(static_cast<const RqExprDateTimeLiteral&>(expr).GetValue()),
+                return Leaf(L"TIMESTAMP " +
+                                Quote(static_cast<const RqExprDateTimeLiteral&>(expr).GetValue()),
                             parts);
             case kRqExprIntervalLiteral:
-                return Leaf(L"INTERVAL " + Quote(static_cast<const RqExprIntervalLiteral&>(expr).GetValue()),
+                return Leaf(L"INTERVAL " +
+                                Quote(static_cast<const RqExprIntervalLiteral&>(expr).GetValue()),
                             parts);
             case kRqExprNumberLiteral: {
                 const ZKString& value = static_cast<const RqExprNumberLiteral&>(expr).GetValue();
                 return Number(value.empty() ? ZKString(L"0") : OneLine(value), parts);
             }
             case kRqExprIntegerLiteral:
-                return Number(Num(static_cast<const RqExprIntegerLiteral&>(expr).GetValue()), parts);
+                return Number(Num(static_cast<const RqExprIntegerLiteral&>(expr).GetValue()),
+                              parts);
             case kRqExprFloatLiteral:
-                return Number(ZKString::FromDouble(static_cast<const RqExprFloatLiteral&>(expr).GetValue()), parts);
+                return Number(
+                    ZKString::FromDouble(static_cast<const RqExprFloatLiteral&>(expr).GetValue()),
+                    parts);
             case kRqExprNullLiteral:
                 return Leaf(L"NULL", parts);
 
             case kRqExprParam:
-                return Leaf(L"PARAM(" + OneLine(static_cast<const RqExprParam&>(expr).GetName()) + L")", parts);
+                return Leaf(
+                    L"PARAM(" + OneLine(static_cast<const RqExprParam&>(expr).GetName()) + L")",
+                    parts);
             case kRqExprSessionVar:
-                return Leaf(L"SESSIONVAR(" + OneLine(static_cast<const RqExprSessionVar&>(expr).GetName()) + L")",
+                return Leaf(L"SESSIONVAR(" +
+                                OneLine(static_cast<const RqExprSessionVar&>(expr).GetName()) +
+                                L")",
                             parts);
             case kRqAttribute: {
                 const auto& meta = static_cast<const RqAttribute&>(expr);
@@ -511,7 +572,8 @@ private:
             }
             case kRqExprExternalData: {
                 const auto& data = static_cast<const RqExprExternalData&>(expr);
-                const wchar_t* form = data.GetForm() == RqExprExternalData::kCSVData ? L"CSV" : L"UNKNOWN";
+                const wchar_t* form =
+                    data.GetForm() == RqExprExternalData::kCSVData ? L"CSV" : L"UNKNOWN";
                 return Leaf(ZKString(L"EXTERNALDATA(") + form + L", " +
                                 Num(static_cast<long long>(data.GetData().size())) + L" chars)",
                             parts);
@@ -520,7 +582,8 @@ private:
                 break;
         }
         if (expr.IsAggr()) {
-            if (const auto* aggr = dynamic_cast<const RqExprAggr*>(&expr)) return Aggregate(*aggr, parts);
+            if (const auto* aggr = dynamic_cast<const RqExprAggr*>(&expr))
+                return Aggregate(*aggr, parts);
         }
         return Generic(FunctionName(kind), expr, parts);
     }
@@ -558,41 +621,55 @@ const ZKString* GenericNodeName(const RqNode* node) {
 }
 
 void AddListFields(const RqAbstractList& list, ZKString& fields) {
-    if (!list.GetLabel().empty()) AddWord(fields, L"label=" + OneLine(list.GetLabel()));
+    if (!list.GetLabel().empty())
+        AddWord(fields, L"label=" + OneLine(list.GetLabel()));
     switch (list.GetObjectType()) {
         case kRqList: {
             const auto& block = static_cast<const RqList&>(list);
-            if (block.IsDistinct()) AddWord(fields, L"distinct");
-            if (block.IsArtifactListNode()) AddWord(fields, L"artifact");
+            if (block.IsDistinct())
+                AddWord(fields, L"distinct");
+            if (block.IsArtifactListNode())
+                AddWord(fields, L"artifact");
             break;
         }
         case kRqUnion:
-            if (static_cast<const RqUnion&>(list).IsAll()) AddWord(fields, L"all");
+            if (static_cast<const RqUnion&>(list).IsAll())
+                AddWord(fields, L"all");
             break;
         case kRqIntersect:
-            if (static_cast<const RqIntersect&>(list).IsAll()) AddWord(fields, L"all");
+            if (static_cast<const RqIntersect&>(list).IsAll())
+                AddWord(fields, L"all");
             break;
         case kRqExcept:
-            if (static_cast<const RqExcept&>(list).IsAll()) AddWord(fields, L"all");
+            if (static_cast<const RqExcept&>(list).IsAll())
+                AddWord(fields, L"all");
             break;
         case kRqBreakFilter:
-            AddWord(fields, L"breaks=" + IndexList(static_cast<const RqBreakFilter&>(list).BreakColumnIndexes()));
+            AddWord(fields,
+                    L"breaks=" +
+                        IndexList(static_cast<const RqBreakFilter&>(list).BreakColumnIndexes()));
             break;
         case kRqSharedList:
-            AddWord(fields, L"of=" + ListRef(static_cast<const RqSharedList&>(list).GetSharedRqList()));
+            AddWord(fields,
+                    L"of=" + ListRef(static_cast<const RqSharedList&>(list).GetSharedRqList()));
             break;
         case kRqCacheList: {
             const ZKString& marker = static_cast<const RqCacheList&>(list).GetMarker();
-            if (!marker.empty()) AddWord(fields, L"marker=" + OneLine(marker));
+            if (!marker.empty())
+                AddWord(fields, L"marker=" + OneLine(marker));
             break;
         }
         default:
             break;
     }
-    if (list.GetRowOffset() != 0) AddWord(fields, L"offset=" + Num(list.GetRowOffset()));
-    if (list.GetRowLimit() != 0) AddWord(fields, L"limit=" + Num(list.GetRowLimit()));
-    if (list.IsShared()) AddWord(fields, L"shared");
-    if (list.IsWithSupported()) AddWord(fields, L"with");
+    if (list.GetRowOffset() != 0)
+        AddWord(fields, L"offset=" + Num(list.GetRowOffset()));
+    if (list.GetRowLimit() != 0)
+        AddWord(fields, L"limit=" + Num(list.GetRowLimit()));
+    if (list.IsShared())
+        AddWord(fields, L"shared");
+    if (list.IsWithSupported())
+        AddWord(fields, L"with");
 }
 
 void AddTableFields(const RqAbstractTable& table, ARpGateway* rp, ZKString& fields) {
@@ -601,23 +678,28 @@ void AddTableFields(const RqAbstractTable& table, ARpGateway* rp, ZKString& fiel
         AddWord(fields, L"id=" + identified->GetTableID().ToString());
         if (rp != nullptr && !identified->GetTableID().IsNullID()) {
             RefATable found = RefHelper::GetTable(rp, identified->GetTableID());
-            if (found) AddWord(fields, L"name=" + OneLine(found->GetName()));
+            if (found)
+                AddWord(fields, L"name=" + OneLine(found->GetName()));
         }
     }
     switch (table.GetObjectType()) {
         case kRqTransientOpaqueTable: {
-            const auto& types = static_cast<const RqTransientOpaqueTable&>(table).GetColumnTypeInfos();
-            if (!types.empty()) AddWord(fields, L"types=" + TextList(types));
+            const auto& types =
+                static_cast<const RqTransientOpaqueTable&>(table).GetColumnTypeInfos();
+            if (!types.empty())
+                AddWord(fields, L"types=" + TextList(types));
             break;
         }
         case kRqExternalTable: {
             const ZKString& name = static_cast<const RqExternalTable&>(table).GetName();
-            if (!name.empty()) AddWord(fields, L"name=" + OneLine(name));
+            if (!name.empty())
+                AddWord(fields, L"name=" + OneLine(name));
             break;
         }
         case kRqDerivedTable: {
             const int level = static_cast<const RqDerivedTable&>(table).GetNestingLevel();
-            if (level != 0) AddWord(fields, L"nesting=" + Num(level));
+            if (level != 0)
+                AddWord(fields, L"nesting=" + Num(level));
             break;
         }
         default:
@@ -626,11 +708,16 @@ void AddTableFields(const RqAbstractTable& table, ARpGateway* rp, ZKString& fiel
 }
 
 ZKString SortSpecText(const RqSortSpec& spec) {
-    ZKString text = ColumnNumText(spec.GetColumnNumber()) + L" " + DirectionName(spec.GetSortDirection());
-    if (spec.GetNullSortDirection() == RqSortSpec::kFirst) text += L" nulls=first";
-    if (spec.GetNullSortDirection() == RqSortSpec::kLast) text += L" nulls=last";
-    if (spec.IsLogicalSelectList()) text += L" logical";
-    if (spec.IsCaseInsensitive()) text += L" nocase";
+    ZKString text =
+        ColumnNumText(spec.GetColumnNumber()) + L" " + DirectionName(spec.GetSortDirection());
+    if (spec.GetNullSortDirection() == RqSortSpec::kFirst)
+        text += L" nulls=first";
+    if (spec.GetNullSortDirection() == RqSortSpec::kLast)
+        text += L" nulls=last";
+    if (spec.IsLogicalSelectList())
+        text += L" logical";
+    if (spec.IsCaseInsensitive())
+        text += L" nocase";
     return text;
 }
 
@@ -647,37 +734,46 @@ const RqList* RqNodeUtility::GetParentRqList(const RqNode* node) {
 }
 
 RqAbstractList* RqNodeUtility::GetParentAbstractList(RqNode* node) {
-    return static_cast<RqAbstractList*>(GetParentNodeOfType(node, RqNode::IsObjectType(kRqAbstractList)));
+    return static_cast<RqAbstractList*>(
+        GetParentNodeOfType(node, RqNode::IsObjectType(kRqAbstractList)));
 }
 
 RqNode* RqNodeUtility::GetParentNodeOfType(RqNode* node, const RqNode::IsObjectType& type) {
-    if (node == nullptr) return nullptr;
+    if (node == nullptr)
+        return nullptr;
     for (RqNode* up = node->GetParent(); up != nullptr; up = up->GetParent()) {
-        if (type(up)) return up;
+        if (type(up))
+            return up;
     }
     return nullptr;
 }
 
-const RqNode* RqNodeUtility::GetParentNodeOfType(const RqNode* node, const RqNode::IsObjectType& type) {
+const RqNode* RqNodeUtility::GetParentNodeOfType(const RqNode* node,
+                                                 const RqNode::IsObjectType& type) {
     return GetParentNodeOfType(const_cast<RqNode*>(node), type);
 }
 
 RqNode* RqNodeUtility::GetRoot(RqNode* node) {
-    if (node == nullptr) return nullptr;
-    while (node->GetParent() != nullptr) node = node->GetParent();
+    if (node == nullptr)
+        return nullptr;
+    while (node->GetParent() != nullptr)
+        node = node->GetParent();
     return node;
 }
 
 bool RqNodeUtility::IsAncestorOrSelf(const RqNode* ancestor, const RqNode* node) {
-    if (ancestor == nullptr) return false;
+    if (ancestor == nullptr)
+        return false;
     for (const RqNode* up = node; up != nullptr; up = up->GetParent()) {
-        if (up == ancestor) return true;
+        if (up == ancestor)
+            return true;
     }
     return false;
 }
 
 void RqNodeUtility::GetChildRqLists(RqNode* node, RqAbstractListVector& out) {
-    if (node == nullptr) return;
+    if (node == nullptr)
+        return;
     const RqNode::IsObjectType isList(kRqAbstractList);
     for (int i = 0; i < node->GetNumChildren(); ++i) {
         FindTableNodes<RqAbstractList>(node->GetIthChild(i), isList, out);
@@ -691,12 +787,15 @@ RqAbstractList* RqNodeUtility::GetChildRqList(RqNode* node) {
 }
 
 ZKString RqNodeUtility::GetPath(const RqNode* node) {
-    if (node == nullptr) return L"<null>";
+    if (node == nullptr)
+        return L"<null>";
     std::vector<const RqNode*> chain;
-    for (const RqNode* up = node; up != nullptr; up = up->GetParent()) chain.push_back(up);
+    for (const RqNode* up = node; up != nullptr; up = up->GetParent())
+        chain.push_back(up);
     ZKString path = KindName(chain.back()->GetObjectType());
     for (auto it = chain.rbegin() + 1; it != chain.rend(); ++it) {
-        path += L"/" + KindName((*it)->GetObjectType()) + L"[" + Num((*it)->GetIndexInParent()) + L"]";
+        path +=
+            L"/" + KindName((*it)->GetObjectType()) + L"[" + Num((*it)->GetIndexInParent()) + L"]";
     }
     return path;
 }
@@ -707,7 +806,8 @@ ZKString RqNodeUtility::GetKindName(const RqNode* node) {
 
 ZKString RqNodeUtility::GetFieldsText(const RqNode* node, ARpGateway* rp) {
     ZKString fields;
-    if (node == nullptr || node->IsExpr()) return fields;
+    if (node == nullptr || node->IsExpr())
+        return fields;
     if (const auto* list = dynamic_cast<const RqAbstractList*>(node)) {
         AddListFields(*list, fields);
         return fields;
@@ -717,12 +817,14 @@ ZKString RqNodeUtility::GetFieldsText(const RqNode* node, ARpGateway* rp) {
         return fields;
     }
     if (const ZKString* name = GenericNodeName(node)) {
-        if (!name->empty()) AddWord(fields, L"name=" + OneLine(*name));
+        if (!name->empty())
+            AddWord(fields, L"name=" + OneLine(*name));
         return fields;
     }
     switch (node->GetObjectType()) {
         case kRqProjection:
-            AddWord(fields, L"next=#" + Num(static_cast<const RqProjection*>(node)->PeekNextColumnNum()));
+            AddWord(fields,
+                    L"next=#" + Num(static_cast<const RqProjection*>(node)->PeekNextColumnNum()));
             break;
         case kRqDerivedColumn: {
             const auto* column = static_cast<const RqDerivedColumn*>(node);
@@ -731,8 +833,10 @@ ZKString RqNodeUtility::GetFieldsText(const RqNode* node, ARpGateway* rp) {
             if (status != RqDerivedColumn::kUnknownBreakStatus) {
                 ZKString words;
                 auto add = [&](int bit, const wchar_t* name) {
-                    if ((status & bit) == 0) return;
-                    if (!words.empty()) words += L"|";
+                    if ((status & bit) == 0)
+                        return;
+                    if (!words.empty())
+                        words += L"|";
                     words += name;
                 };
                 add(RqDerivedColumn::kNoDuplicates, L"NoDuplicates");
@@ -740,19 +844,24 @@ ZKString RqNodeUtility::GetFieldsText(const RqNode* node, ARpGateway* rp) {
                 add(RqDerivedColumn::kLobData, L"LobData");
                 AddWord(fields, L"break=" + words);
             }
-            if (const int refs = column->GetNumReferences(); refs > 0) AddWord(fields, L"refs=" + Num(refs));
+            if (const int refs = column->GetNumReferences(); refs > 0)
+                AddWord(fields, L"refs=" + Num(refs));
             break;
         }
         case kRqGroupBy: {
             const auto mode = static_cast<const RqGroupBy*>(node)->GetInternalExecutionMode();
-            if (mode == RqGroupBy::kHash) AddWord(fields, L"mode=HASH");
-            if (mode == RqGroupBy::kSort) AddWord(fields, L"mode=SORT");
+            if (mode == RqGroupBy::kHash)
+                AddWord(fields, L"mode=HASH");
+            if (mode == RqGroupBy::kSort)
+                AddWord(fields, L"mode=SORT");
             break;
         }
         case kRqOrderBy: {
             const auto* orderBy = static_cast<const RqOrderBy*>(node);
-            if (orderBy->IsSticky()) AddWord(fields, L"sticky");
-            if (!orderBy->GetStickyTypes().empty()) AddWord(fields, L"types=" + TextList(orderBy->GetStickyTypes()));
+            if (orderBy->IsSticky())
+                AddWord(fields, L"sticky");
+            if (!orderBy->GetStickyTypes().empty())
+                AddWord(fields, L"types=" + TextList(orderBy->GetStickyTypes()));
             break;
         }
         case kRqSortSpec:
@@ -761,8 +870,10 @@ ZKString RqNodeUtility::GetFieldsText(const RqNode* node, ARpGateway* rp) {
         case kRqTableReference: {
             const auto* ref = static_cast<const RqTableReference*>(node);
             AddWord(fields, JoinTypeName(ref->GetJoinType()));
-            if (ref->GetDrivingTableHint() == RqTableReference::kDriving_LeftTable) AddWord(fields, L"driving=left");
-            if (ref->GetDrivingTableHint() == RqTableReference::kDriving_RightTable) AddWord(fields, L"driving=right");
+            if (ref->GetDrivingTableHint() == RqTableReference::kDriving_LeftTable)
+                AddWord(fields, L"driving=left");
+            if (ref->GetDrivingTableHint() == RqTableReference::kDriving_RightTable)
+                AddWord(fields, L"driving=right");
             if (!ref->GetLeftJoinColumnIndexes().empty())
                 AddWord(fields, L"leftcols=" + IndexList(ref->GetLeftJoinColumnIndexes()));
             if (!ref->GetRightJoinColumnIndexes().empty())
@@ -770,7 +881,8 @@ ZKString RqNodeUtility::GetFieldsText(const RqNode* node, ARpGateway* rp) {
             break;
         }
         case kRqJoinNode:
-            if (static_cast<const RqJoinNode*>(node)->IsPreserved()) AddWord(fields, L"preserved");
+            if (static_cast<const RqJoinNode*>(node)->IsPreserved())
+                AddWord(fields, L"preserved");
             break;
         case kRqJoinLink: {
             const auto* link = static_cast<const RqJoinLink*>(node);
@@ -780,8 +892,10 @@ ZKString RqNodeUtility::GetFieldsText(const RqNode* node, ARpGateway* rp) {
         }
         case kRqEntity: {
             const auto* entity = static_cast<const RqEntity*>(node);
-            if (!entity->GetName().empty()) AddWord(fields, L"name=" + OneLine(entity->GetName()));
-            if (!entity->GetID().IsNullID()) AddWord(fields, L"id=" + entity->GetID().ToString());
+            if (!entity->GetName().empty())
+                AddWord(fields, L"name=" + OneLine(entity->GetName()));
+            if (!entity->GetID().IsNullID())
+                AddWord(fields, L"id=" + entity->GetID().ToString());
             break;
         }
         case kRqCache:
@@ -791,8 +905,9 @@ ZKString RqNodeUtility::GetFieldsText(const RqNode* node, ARpGateway* rp) {
             cache->GetLogicalPlan(plan);
             if (!plan.empty()) {
                 const LogicalPlanEntry entry = cache->GetLogicalPlanEntry();
-                AddWord(fields, L"plan=(limit=" + Num(entry.m_rowLimit) + L" offset=" + Num(entry.m_rowOffset) +
-                                    L" flags=" + Num(entry.m_flags) + L")");
+                AddWord(fields, L"plan=(limit=" + Num(entry.m_rowLimit) + L" offset=" +
+                                    Num(entry.m_rowOffset) + L" flags=" + Num(entry.m_flags) +
+                                    L")");
             }
             break;
         }
@@ -805,15 +920,18 @@ ZKString RqNodeUtility::GetFieldsText(const RqNode* node, ARpGateway* rp) {
 // ---- Expressions ----------------------------------------------------------------------------
 
 const RqExpr* SubExprFinder::FindEquivalentSubExpr(const RqExpr* root, const RqExpr& pattern) {
-    if (root == nullptr) return nullptr;
+    if (root == nullptr)
+        return nullptr;
     const RqEquivalence equivalent;
     std::vector<const RqExpr*> work{root};
     while (!work.empty()) {
         const RqExpr* expr = work.back();
         work.pop_back();
-        if (equivalent(*expr, pattern)) return expr;
+        if (equivalent(*expr, pattern))
+            return expr;
         for (int i = expr->GetNumOperands() - 1; i >= 0; --i) {
-            if (const RqExpr* operand = expr->GetIthOperand(i)) work.push_back(operand);
+            if (const RqExpr* operand = expr->GetIthOperand(i))
+                work.push_back(operand);
         }
     }
     return nullptr;
@@ -823,16 +941,19 @@ RqExpr* SubExprFinder::FindEquivalentSubExpr(RqExpr* root, const RqExpr& pattern
     return const_cast<RqExpr*>(FindEquivalentSubExpr(static_cast<const RqExpr*>(root), pattern));
 }
 
-void RqExprUtility::GetAllDerivedColumnReferences(const RqNode* node, RqDerivedColumnReferenceVector& out) {
+void RqExprUtility::GetAllDerivedColumnReferences(const RqNode* node,
+                                                  RqDerivedColumnReferenceVector& out) {
     RqNodeVector found;
     FindNodes(const_cast<RqNode*>(node), RqNode::IsObjectType(kRqDerivedColumnReference), found);
-    for (RqNode* ref : found) out.push_back(static_cast<RqDerivedColumnReference*>(ref));
+    for (RqNode* ref : found)
+        out.push_back(static_cast<RqDerivedColumnReference*>(ref));
 }
 
 // ---- Text -----------------------------------------------------------------------------------
 
 ZKString ToString(const RqNode* node, ARpGateway* rp) {
-    if (node == nullptr) return L"<null>";
+    if (node == nullptr)
+        return L"<null>";
     ExprPrinter printer(rp);
     ZKString out;
     if (node->IsExpr()) {
@@ -841,13 +962,15 @@ ZKString ToString(const RqNode* node, ARpGateway* rp) {
     }
     out = KindName(node->GetObjectType());
     const ZKString fields = RqNodeUtility::GetFieldsText(node, rp);
-    if (!fields.empty()) out += L" " + fields;
+    if (!fields.empty())
+        out += L" " + fields;
     if (node->GetObjectType() == kRqOrderBy) {
         // The keys are children of their own; a one-line text of the clause needs them.
         const auto* orderBy = static_cast<const RqOrderBy*>(node);
         out += L" (";
         for (int i = 0; i < orderBy->GetNumSortSpecs(); ++i) {
-            if (i > 0) out += L", ";
+            if (i > 0)
+                out += L", ";
             const RqSortSpec* spec = orderBy->GetIthSortSpec(i);
             out += spec != nullptr ? SortSpecText(*spec) : ZKString(L"<none>");
         }
@@ -858,7 +981,8 @@ ZKString ToString(const RqNode* node, ARpGateway* rp) {
     bool bFirst = true;
     for (int i = 0; i < node->GetNumChildren(); ++i) {
         const RqNode* child = node->GetIthChild(i);
-        if (child == nullptr || !child->IsExpr()) continue;
+        if (child == nullptr || !child->IsExpr())
+            continue;
         out += bFirst ? L": " : L", ";
         bFirst = false;
         printer.Print(child, out);
@@ -870,7 +994,8 @@ ZKString ToString(const RqExprVector& exprs, ARpGateway* rp) {
     ExprPrinter printer(rp);
     ZKString out = L"(";
     for (size_t i = 0; i < exprs.size(); ++i) {
-        if (i > 0) out += L", ";
+        if (i > 0)
+            out += L", ";
         printer.Print(exprs[i], out);
     }
     return out + L")";

@@ -26,7 +26,8 @@ struct Clause {
     explicit Clause(int slot) : m_slots{slot}, m_sorted{slot} {}
     void Add(int slot) {
         auto at = std::lower_bound(m_sorted.begin(), m_sorted.end(), slot);
-        if (at != m_sorted.end() && *at == slot) return;
+        if (at != m_sorted.end() && *at == slot)
+            return;
         m_sorted.insert(at, slot);
         m_slots.push_back(slot);
     }
@@ -42,12 +43,14 @@ struct Cnf {
 
     // Drops repeated clauses (the first stays) and makes the keys valid.
     void EnsureKeys() {
-        if (m_bKeysValid) return;
+        if (m_bKeysValid)
+            return;
         m_keys.clear();
         std::vector<Clause> kept;
         kept.reserve(m_clauses.size());
         for (Clause& clause : m_clauses) {
-            if (m_keys.insert(clause.m_sorted).second) kept.push_back(std::move(clause));
+            if (m_keys.insert(clause.m_sorted).second)
+                kept.push_back(std::move(clause));
         }
         m_clauses = std::move(kept);
         m_bKeysValid = true;
@@ -94,10 +97,13 @@ RqExpr* NewComparison(int kind, RqExpr* left, RqExpr* right) {
     }
 }
 
-RqExpr* CopyOf(const RqExpr* expr) { return expr != nullptr ? expr->DeepExprCopy() : nullptr; }
+RqExpr* CopyOf(const RqExpr* expr) {
+    return expr != nullptr ? expr->DeepExprCopy() : nullptr;
+}
 
 void MarkLike(RqNode* node, const RqNode* model) {
-    if (node == nullptr || model == nullptr) return;
+    if (node == nullptr || model == nullptr)
+        return;
     node->MarkTargetType(model->GetTargetType());
     node->MarkTargetID(model->GetTargetID());
 }
@@ -106,13 +112,15 @@ void MarkLike(RqNode* node, const RqNode* model) {
 void PresentOperands(const RqExpr& expr, std::vector<const RqExpr*>& out) {
     out.clear();
     for (int i = 0; i < expr.GetNumOperands(); ++i) {
-        if (const RqExpr* operand = expr.GetIthOperand(i)) out.push_back(operand);
+        if (const RqExpr* operand = expr.GetIthOperand(i))
+            out.push_back(operand);
     }
 }
 
 // Appends the operands of the tree of `kind` nodes rooted at `root`, left to right.
 void HarvestTree(const RqExpr* root, RqNodeType_e kind, std::vector<const RqExpr*>& out) {
-    if (root == nullptr) return;
+    if (root == nullptr)
+        return;
     std::vector<const RqExpr*> work{root};
     while (!work.empty()) {
         const RqExpr* expr = work.back();
@@ -122,7 +130,8 @@ void HarvestTree(const RqExpr* root, RqNodeType_e kind, std::vector<const RqExpr
             continue;
         }
         for (int i = expr->GetNumOperands() - 1; i >= 0; --i) {
-            if (const RqExpr* operand = expr->GetIthOperand(i)) work.push_back(operand);
+            if (const RqExpr* operand = expr->GetIthOperand(i))
+                work.push_back(operand);
         }
     }
 }
@@ -144,7 +153,8 @@ public:
         : m_pRoot(root), m_bFlattenNot(bFlattenNot), m_maxConjuncts(maxConjuncts) {}
 
     ~Converter() {
-        for (Literal& literal : m_literals) delete literal.m_pOwned;
+        for (Literal& literal : m_literals)
+            delete literal.m_pOwned;
     }
 
     // Computes the CNF of the root; false when the size limit was hit.
@@ -169,7 +179,8 @@ public:
                 for (size_t i = first + 1; i < results.size(); ++i) {
                     const bool bFits = frame.m_bConjunction ? Conjoin(acc, std::move(results[i]))
                                                             : Disjoin(acc, std::move(results[i]));
-                    if (!bFits) return false;
+                    if (!bFits)
+                        return false;
                 }
                 results.resize(first);
                 results.push_back(std::move(acc));
@@ -212,7 +223,8 @@ public:
     RqExpr* Build(RqExpr* takenOver, std::vector<RqExpr*>& conjuncts) {
         std::vector<size_t> remaining(m_literals.size(), 0);
         for (const Clause& clause : m_result.m_clauses) {
-            for (int slot : clause.m_slots) ++remaining[static_cast<size_t>(slot)];
+            for (int slot : clause.m_slots)
+                ++remaining[static_cast<size_t>(slot)];
         }
         RqExpr* consumedRoot = nullptr;
         auto use = [&](int slot) -> RqExpr* {
@@ -221,7 +233,8 @@ public:
             if (literal.m_pOwned != nullptr) {
                 return bLast ? std::exchange(literal.m_pOwned, nullptr) : CopyOf(literal.m_pOwned);
             }
-            if (!bLast || takenOver == nullptr) return CopyOf(literal.m_pBorrowed);
+            if (!bLast || takenOver == nullptr)
+                return CopyOf(literal.m_pBorrowed);
             RqExpr* node = const_cast<RqExpr*>(literal.m_pBorrowed);
             if (node == takenOver) {
                 consumedRoot = takenOver;
@@ -271,8 +284,8 @@ private:
     RqExpr* Negate(const RqExpr* node) const {
         const int opposite = OppositeComparison(node->GetObjectType());
         if (opposite >= 0 && node->GetNumOperands() == 2) {
-            RqExpr* negated =
-                NewComparison(opposite, CopyOf(node->GetIthOperand(0)), CopyOf(node->GetIthOperand(1)));
+            RqExpr* negated = NewComparison(opposite, CopyOf(node->GetIthOperand(0)),
+                                            CopyOf(node->GetIthOperand(1)));
             MarkLike(negated, node);
             return negated;
         }
@@ -285,8 +298,10 @@ private:
     bool Conjoin(Cnf& acc, Cnf&& b) const {
         acc.EnsureKeys();
         for (Clause& clause : b.m_clauses) {
-            if (!acc.m_keys.insert(clause.m_sorted).second) continue;
-            if (acc.m_clauses.size() >= m_maxConjuncts) return false;
+            if (!acc.m_keys.insert(clause.m_sorted).second)
+                continue;
+            if (acc.m_clauses.size() >= m_maxConjuncts)
+                return false;
             acc.m_clauses.push_back(std::move(clause));
         }
         return true;
@@ -296,11 +311,13 @@ private:
     // before anything is built.
     bool Disjoin(Cnf& acc, Cnf&& b) const {
         const size_t n = acc.m_clauses.size();
-        if (n == 0 || b.m_clauses.size() > m_maxConjuncts / n) return false;
+        if (n == 0 || b.m_clauses.size() > m_maxConjuncts / n)
+            return false;
         if (b.m_clauses.size() == 1) {
             // The common case of a chain of ORs: extend every clause in place.
             for (Clause& clause : acc.m_clauses) {
-                for (int slot : b.m_clauses.front().m_slots) clause.Add(slot);
+                for (int slot : b.m_clauses.front().m_slots)
+                    clause.Add(slot);
             }
         } else {
             std::vector<Clause> product;
@@ -308,14 +325,16 @@ private:
             for (const Clause& left : acc.m_clauses) {
                 for (const Clause& right : b.m_clauses) {
                     Clause clause = left;
-                    for (int slot : right.m_slots) clause.Add(slot);
+                    for (int slot : right.m_slots)
+                        clause.Add(slot);
                     product.push_back(std::move(clause));
                 }
             }
             acc.m_clauses = std::move(product);
         }
         acc.m_bKeysValid = false;
-        if (acc.m_clauses.size() > 1) acc.EnsureKeys();
+        if (acc.m_clauses.size() > 1)
+            acc.EnsureKeys();
         return true;
     }
 
@@ -330,7 +349,10 @@ private:
 // ---- ToCNF ----------------------------------------------------------------------------------
 
 ToCNF::ToCNF(const RqExprCond* cond, bool bFlattenNot, bool bDeepCopy, size_t maxConjuncts)
-    : m_pCond(cond), m_bFlattenNot(bFlattenNot), m_bDeepCopy(bDeepCopy), m_maxConjuncts(maxConjuncts) {
+    : m_pCond(cond),
+      m_bFlattenNot(bFlattenNot),
+      m_bDeepCopy(bDeepCopy),
+      m_maxConjuncts(maxConjuncts) {
     if (!bDeepCopy && cond != nullptr) {
         // Taking a node over from its parent would leave the parent pointing at it.
         ZK_ASSERT(cond->GetParent() == nullptr);
@@ -339,14 +361,17 @@ ToCNF::ToCNF(const RqExprCond* cond, bool bFlattenNot, bool bDeepCopy, size_t ma
 }
 
 ToCNF::~ToCNF() {
-    for (RqExpr* conjunct : m_conjuncts) delete conjunct;
+    for (RqExpr* conjunct : m_conjuncts)
+        delete conjunct;
     delete m_pTakenOver;
 }
 
 void ToCNF::GenerateCNF() {
-    if (m_bGenerated) return;
+    if (m_bGenerated)
+        return;
     m_bGenerated = true;
-    if (m_pCond == nullptr) return;
+    if (m_pCond == nullptr)
+        return;
     Converter converter(m_pCond, m_bFlattenNot, m_maxConjuncts);
     m_bSuccess = converter.Run();
     if (!m_bSuccess) {
@@ -363,7 +388,9 @@ void ToCNF::GenerateCNF() {
     delete std::exchange(m_pTakenOver, nullptr);
 }
 
-bool ToCNF::GetConversionSuccess() const { return m_bSuccess; }
+bool ToCNF::GetConversionSuccess() const {
+    return m_bSuccess;
+}
 
 void ToCNF::GetConjuncts(std::vector<RqExprCond*>& out) const {
     ZK_ASSERT(m_bGenerated);
@@ -379,12 +406,16 @@ void ToCNF::GetConjuncts(std::vector<RqExpr*>& out) const {
     out = m_conjuncts;
 }
 
-size_t ToCNF::GetNumConjuncts() const { return m_conjuncts.size(); }
+size_t ToCNF::GetNumConjuncts() const {
+    return m_conjuncts.size();
+}
 
 void ToCNF::ReleaseConjuncts(std::vector<RqExprCond*>& out) {
     ZK_ASSERT(m_bGenerated);
-    for (RqExpr* conjunct : m_conjuncts) ZK_ASSERT(conjunct->IsCond());
-    for (RqExpr* conjunct : m_conjuncts) out.push_back(static_cast<RqExprCond*>(conjunct));
+    for (RqExpr* conjunct : m_conjuncts)
+        ZK_ASSERT(conjunct->IsCond());
+    for (RqExpr* conjunct : m_conjuncts)
+        out.push_back(static_cast<RqExprCond*>(conjunct));
     m_conjuncts.clear();
 }
 
@@ -429,11 +460,13 @@ void ToCNF::HarvestDisjuncts(const RqExprCond* cond, std::vector<const RqExprCon
     ToConds(found, out);
 }
 
-void ToCNF::HarvestDisjunctivePredicates(const RqExprCond* cond, std::vector<const RqExprCond*>& out) {
+void ToCNF::HarvestDisjunctivePredicates(const RqExprCond* cond,
+                                         std::vector<const RqExprCond*>& out) {
     std::vector<const RqExpr*> conjuncts;
     HarvestTree(cond, kRqExprCondAnd, conjuncts);
     for (const RqExpr* conjunct : conjuncts) {
-        if (conjunct->GetObjectType() == kRqExprCondOr) out.push_back(static_cast<const RqExprCond*>(conjunct));
+        if (conjunct->GetObjectType() == kRqExprCondOr)
+            out.push_back(static_cast<const RqExprCond*>(conjunct));
     }
 }
 
@@ -443,13 +476,15 @@ ToCNFConjuncts::ToCNFConjuncts(const RqExprCond* cond, bool bFlattenNot, size_t 
     m_bSuccess = GenerateOwnedCNFConjuncts(cond, m_conjuncts, bFlattenNot, maxConjuncts);
 }
 
-bool ToCNFConjuncts::GenerateOwnedCNFConjuncts(const RqExprCond* cond, std::vector<Heap<RqExprCond>>& out,
-                                               bool bFlattenNot, size_t maxConjuncts) {
+bool ToCNFConjuncts::GenerateOwnedCNFConjuncts(const RqExprCond* cond,
+                                               std::vector<Heap<RqExprCond>>& out, bool bFlattenNot,
+                                               size_t maxConjuncts) {
     ToCNF cnf(cond, bFlattenNot, true, maxConjuncts);
     cnf.GenerateCNF();
     std::vector<RqExprCond*> conjuncts;
     cnf.ReleaseConjuncts(conjuncts);
-    for (RqExprCond* conjunct : conjuncts) out.emplace_back(conjunct);
+    for (RqExprCond* conjunct : conjuncts)
+        out.emplace_back(conjunct);
     return cnf.GetConversionSuccess();
 }
 
@@ -461,7 +496,8 @@ RqExprCond* ToCNFConjuncts::GetIthConjunct(size_t i) const {
 void ToCNFConjuncts::GetConjuncts(std::vector<RqExprCond*>& out) const {
     out.clear();
     for (const Heap<RqExprCond>& conjunct : m_conjuncts) {
-        if (conjunct) out.push_back(conjunct.Get());
+        if (conjunct)
+            out.push_back(conjunct.Get());
     }
 }
 
@@ -472,14 +508,16 @@ RqExprCond* ToCNFConjuncts::ReleaseIthConjunct(size_t i) {
 
 void ToCNFConjuncts::ReleaseConjuncts(std::vector<RqExprCond*>& out) {
     for (Heap<RqExprCond>& conjunct : m_conjuncts) {
-        if (conjunct) out.push_back(conjunct.Release());
+        if (conjunct)
+            out.push_back(conjunct.Release());
     }
     m_conjuncts.clear();
 }
 
 void ToCNFConjuncts::ReleaseConjuncts(std::vector<Heap<RqExprCond>>& out) {
     for (Heap<RqExprCond>& conjunct : m_conjuncts) {
-        if (conjunct) out.push_back(std::move(conjunct));
+        if (conjunct)
+            out.push_back(std::move(conjunct));
     }
     m_conjuncts.clear();
 }

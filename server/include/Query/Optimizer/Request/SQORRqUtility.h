@@ -37,17 +37,20 @@ bool Test(Pred& pred, const RqNode* node) {
 // enter the subtree below a match. Null children are skipped.
 template <class Pred>
 void FindNodes(RqNode* root, Pred pred, RqNodeVector& out, bool bDescendIntoMatches = true) {
-    if (root == nullptr) return;
+    if (root == nullptr)
+        return;
     std::vector<RqNode*> work{root};
     while (!work.empty()) {
         RqNode* node = work.back();
         work.pop_back();
         if (RqUtilityDetail::Test(pred, node)) {
             out.push_back(node);
-            if (!bDescendIntoMatches) continue;
+            if (!bDescendIntoMatches)
+                continue;
         }
         for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
-            if (RqNode* child = node->GetIthChild(i)) work.push_back(child);
+            if (RqNode* child = node->GetIthChild(i))
+                work.push_back(child);
         }
     }
 }
@@ -55,14 +58,17 @@ void FindNodes(RqNode* root, Pred pred, RqNodeVector& out, bool bDescendIntoMatc
 // True when some node of the subtree of `root` (the root included) satisfies `pred`.
 template <class Pred>
 bool FoundNodes(const RqNode* root, Pred pred) {
-    if (root == nullptr) return false;
+    if (root == nullptr)
+        return false;
     std::vector<const RqNode*> work{root};
     while (!work.empty()) {
         const RqNode* node = work.back();
         work.pop_back();
-        if (RqUtilityDetail::Test(pred, node)) return true;
+        if (RqUtilityDetail::Test(pred, node))
+            return true;
         for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
-            if (const RqNode* child = node->GetIthChild(i)) work.push_back(child);
+            if (const RqNode* child = node->GetIthChild(i))
+                work.push_back(child);
         }
     }
     return false;
@@ -93,8 +99,7 @@ public:
     static RqAbstractList* GetParentAbstractList(RqNode* node);
     // The nearest ancestor (never the node itself) of one of the kinds, or null.
     static RqNode* GetParentNodeOfType(RqNode* node, const RqNode::IsObjectType& type);
-    static const RqNode* GetParentNodeOfType(const RqNode* node,
-                                             const RqNode::IsObjectType& type);
+    static const RqNode* GetParentNodeOfType(const RqNode* node, const RqNode::IsObjectType& type);
     // The top of the tree that holds `node` (the node itself when it has no parent).
     static RqNode* GetRoot(RqNode* node);
     // True when `ancestor` is `node` or lies above it.

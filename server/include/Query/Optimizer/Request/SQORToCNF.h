@@ -78,7 +78,8 @@ public:
     static void HarvestDisjuncts(const RqExprCond* cond, std::vector<const RqExprCond*>& out);
     // The conjuncts of `cond`'s top-level AND tree that are disjunctions (OR nodes), left to
     // right: the places where the condition could be split into alternatives.
-    static void HarvestDisjunctivePredicates(const RqExprCond* cond, std::vector<const RqExprCond*>& out);
+    static void HarvestDisjunctivePredicates(const RqExprCond* cond,
+                                             std::vector<const RqExprCond*>& out);
 
 private:
     class Converter;
@@ -89,8 +90,8 @@ private:
     size_t m_maxConjuncts;
     bool m_bGenerated = false;
     bool m_bSuccess = true;
-    RqExpr* m_pTakenOver = nullptr;     // the condition, when it was taken over
-    std::vector<RqExpr*> m_conjuncts;   // owned
+    RqExpr* m_pTakenOver = nullptr;    // the condition, when it was taken over
+    std::vector<RqExpr*> m_conjuncts;  // owned
 };
 
 // A conversion whose conjuncts are kept as single owners (Heap), for callers that move
@@ -107,7 +108,8 @@ public:
 
     // Appends the conjuncts of `cond` to `out`, owned there. Returns the conversion's
     // success; on failure the one conjunct appended is a copy of `cond`.
-    static bool GenerateOwnedCNFConjuncts(const RqExprCond* cond, std::vector<Heap<RqExprCond>>& out,
+    static bool GenerateOwnedCNFConjuncts(const RqExprCond* cond,
+                                          std::vector<Heap<RqExprCond>>& out,
                                           bool bFlattenNot = true, size_t maxConjuncts = SIZE_MAX);
 
     bool GetConversionSuccess() const { return m_bSuccess; }

@@ -1,0 +1,144 @@
+// The diagnostic dump of a whole request: one line per node, expressions on one line with
+// the blocks of their subqueries below them.
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "Query/Optimizer/Request/SQORRqBuilder.h"
+#include "Query/Optimizer/Request/SQORRqDumpout.h"
+#include "Query/Optimizer/Request/SQORRqUtility.h"
+
+using namespace rqb;
+
+namespace {
+
+// Numbers the nodes 1, 2, ... in pre-order, so that the dump does not depend on how many
+// nodes the process made before.
+void Renumber(RqNode* root) {
+    RqNodeVector nodes;
+    FindNodes(
+        root, [](const RqNode*) { return true; }, nodes);
+    for (size_t i = 0; i < nodes.size(); ++i)
+        nodes[i]->SetNodeID(NodeID(static_cast<uint32_t>(i + 1)));
+}
+
+// outer: SELECT DISTINCT inner.#10, SUM(inner.#11 BY (inner.#10)) FROM (inner)
+//        WHERE inner.#11 > 5 AND EXISTS (SELECT T2.k FROM T2 WHERE T2.k = inner.#10)
+//        GROUP BY inner.#10 ORDER BY 2 DESC LIMIT 100
+// inner: SELECT T1.a, T1.b FROM T1, on a warehouse.
+RqHandleNode* SmallRequest() {
+    RqList* inner = Block(10)
+                        .Label(L"inner")
+                        .Select(Col(L"a", 1))
+                        .Select(Col(L"b", 1))
+                        .From(Table(VoidID(3, 1), 1))
+                        .Target(ServerInfo::kMppWarehouse, VoidID(1, 7))
+                        .Build();
+    RqList* sub = Block()
+                      .Select(Col(L"k", 2))
+                      .From(Table(VoidID(3, 2), 2))
+                      .Where(Eq(Col(L"k", 2), rqb::Ref(*inner, 0)))
+                      .Build();
+    RqList* outer = Block()
+                        .Label(L"outer")
+                        .Select(rqb::Ref(*inner, 0))
+                        .Select(Sum(rqb::Ref(*inner, 1), By({rqb::Ref(*inner, 0)})))
+                        .From(Derived(inner, 3))
+                        .Where(And(Gt(rqb::Ref(*inner, 1), Int(5)), Exists(sub)))
+                        .GroupBy({rqb::Ref(*inner, 0)})
+                        .OrderBy({{1, RqSortSpec::kDesc}})
+                        .Distinct()
+                        .Limit(100)
+                        .Build();
+    outer->GetGroupBy()->SetInternalExecutionMode(RqGroupBy::kHash);
+    outer->MarkTargetType(ServerInfo::kBuiltInExecutionEngine);
+    RqHandleNode* request = Request(outer);
+    Renumber(request);
+    return request;
+}
+
+}  // namespace
+
+TEST(DumpoutTest, DumpsASmallRequestExactly) {
+    Heap<RqHandleNode> request(SmallRequest());
+    const char* expected =
+        "RqHandleNode [[1]]\n"
+        "  RqList [[2]] target=engine label=outer distinct limit=100\n"
+        "    RqProjection [[3]] next=#2\n"
+        "      RqDerivedColumn [[4]] #0\n"
+        "        RqDerivedColumnReference [[5]]: inner.#10\n"
+        "      RqDerivedColumn [[6]] #1\n"
+        "        RqExprAggrSum [[7]]: SUM(inner.#11 BY (inner.#10))\n"
+        "    RqJoinSpec [[11]]\n"
+        "      RqJoinNode [[12]]\n"
+        "        RqTableReference [[13]] INNER\n"
+        "          RqDerivedTable [[14]] T3\n"
+        "            RqList [[15]] target=mppwarehouse targetID=1:7 label=inner\n"
+        "              RqProjection [[16]] target=mppwarehouse targetID=1:7 next=#12\n"
+        "                RqDerivedColumn [[17]] target=mppwarehouse targetID=1:7 #10 refs=4\n"
+        "                  RqTargetColumn [[18]] target=mppwarehouse targetID=1:7: T1.a\n"
+        "                RqDerivedColumn [[19]] target=mppwarehouse targetID=1:7 #11 refs=2\n"
+        "                  RqTargetColumn [[20]] target=mppwarehouse targetID=1:7: T1.b\n"
+        "              RqJoinSpec [[21]] target=mppwarehouse targetID=1:7\n"
+        "                RqJoinNode [[22]] target=mppwarehouse targetID=1:7\n"
+        "                  RqTableReference [[23]] target=mppwarehouse targetID=1:7 INNER\n"
+        "                    RqAtomicTable [[24]] target=mppwarehouse targetID=1:7 T1 id=3:1\n"
+        "    RqDetailFilter [[25]]\n"
+        "      RqExprCondAnd [[26]]: inner.#11 > 5 AND EXISTS(LOGICALSUBQUERY(RqList[[32]]))\n"
+        "        RqList [[32]]\n"
+        "          RqProjection [[33]] next=#1\n"
+        "            RqDerivedColumn [[34]] #0\n"
+        "              RqTargetColumn [[35]]: T2.k\n"
+        "          RqJoinSpec [[36]]\n"
+        "            RqJoinNode [[37]]\n"
+        "              RqTableReference [[38]] INNER\n"
+        "                RqAtomicTable [[39]] T2 id=3:2\n"
+        "          RqDetailFilter [[40]]\n"
+        "            RqExprCondEquality [[41]]: T2.k = inner.#10\n"
+        "    RqGroupBy [[44]] mode=HASH\n"
+        "      RqExprColumnListOrdered [[45]]: (inner.#10)\n"
+        "    RqOrderBy [[47]]\n"
+        "      RqSortSpec [[48]] #1 DESC\n";
+    EXPECT_EQ(RqDumpout::StringFrom(request.Get()).ToUtf8(), expected);
+}
+
+TEST(DumpoutTest, DebugPrintWritesTheSameTextAndASubtreeStartsAtItsOwnLevel) {
+    Heap<RqHandleNode> request(SmallRequest());
+    std::wostringstream out;
+    RqDumpout::DebugPrint(request.Get(), out);
+    EXPECT_EQ(ZKString(out.str()), RqDumpout::StringFrom(request.Get()));
+
+    RqList* outer = static_cast<RqList*>(request->GetRqNode());
+    EXPECT_EQ(RqDumpout::StringFrom(outer->GetOrderBy()).ToUtf8(),
+              "RqOrderBy [[47]]\n  RqSortSpec [[48]] #1 DESC\n");
+    EXPECT_EQ(RqDumpout::StringFrom(nullptr).ToUtf8(), "<null>\n");
+}
+
+TEST(DumpoutTest, ListAndClauseFieldsAppearWhenSet) {
+    RqList* left =
+        Block().Label(L"left").Select(Col(L"a", 1)).From(Table(VoidID(3, 1), 1)).Offset(20).Build();
+    RqList* right = Block().Select(Col(L"a", 2)).From(Table(VoidID(3, 2), 2)).Build();
+    RqUnion* both = Union({left, right}, true);
+    both->SetShared(true);
+    RqBreakFilter* breaks = BreakFilter(both, {0});
+    RqSortSpec* spec = RQ_NEW RqSortSpec(0, RqSortSpec::kAsc, true, true, RqSortSpec::kLast);
+    right->SetOrderBy(RQ_NEW RqOrderBy({spec}, true));
+    right->GetProjection()->GetIthColumn(0)->SetBreakStatus(RqDerivedColumn::kNoDuplicates |
+                                                            RqDerivedColumn::kLobData);
+    Heap<RqNode> root(breaks);
+    Renumber(root.Get());
+
+    const std::string text = RqDumpout::StringFrom(root.Get()).ToUtf8();
+    EXPECT_NE(text.find("RqBreakFilter [[1]] breaks=(0)\n  RqUnion [[2]] all shared\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("    RqList [[3]] label=left offset=20\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("RqDerivedColumn [[13]] #0 break=NoDuplicates|LobData\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("      RqOrderBy [[19]] sticky\n        RqSortSpec [[20]] #0 ASC "
+                        "nulls=last logical nocase\n"),
+              std::string::npos)
+        << text;
+}
