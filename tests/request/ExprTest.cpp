@@ -254,7 +254,7 @@ TEST(ExprAggregates, FunctionalWrapperAndHashableByKind) {
     EXPECT_FALSE(distinctBreak->IsHashable());
 }
 
-TEST(ExprAggregates, SortDirectionsFollowTheSortSpecification) {
+TEST(ExprAggregates, SortDirectionsFollowTheSortKeys) {
     Heap<RqExprAggrRank> rank(RQ_NEW RqExprAggrRank(Col(1)));
     rank->SetSortSpec({{4, RqSortSpec::kDesc}, {2, RqSortSpec::kAsc}});
     std::vector<RqSortSpec::SortDirection> directions{RqSortSpec::kEitherDirection};

@@ -190,7 +190,7 @@ public:
     void AppendPushDownAggr(const RqExpr* aggr);
     bool IsSticky() const { return m_bSticky; }
     void SetSticky(bool value) { m_bSticky = value; }
-    // The column type names the sort was planned with (one per spec, may be empty).
+    // The column type names the sort was planned with (one per sort key, may be empty).
     const std::vector<ZKString>& GetStickyTypes() const { return m_typeInfos; }
 
 private:
