@@ -11,22 +11,11 @@
 
 namespace {
 
-template <class T>
-bool DispatchNode(AVisitorRqNode& visitor, T& node) {
-    using Slot = typename RqNodeSlotOf<T>::type;
-    if constexpr (std::is_void_v<Slot>) {
-        // A kind without an overload of its own or of any base: nothing to present.
-        (void)visitor;
-        (void)node;
-        return false;
-    } else {
-        return visitor.Visit(static_cast<Slot&>(node));
-    }
-}
-
-template <class T>
-bool DispatchExpr(AVisitorRqExpr& visitor, T& node) {
-    using Slot = typename RqExprSlotOf<T>::type;
+// Presents `node` to the overload that SlotOf<T> names; a class without one anywhere in its
+// base chain has nothing to present.
+template <template <class> class SlotOf, class Visitor, class T>
+bool Dispatch(Visitor& visitor, T& node) {
+    using Slot = typename SlotOf<T>::type;
     if constexpr (std::is_void_v<Slot>) {
         (void)visitor;
         (void)node;
@@ -42,10 +31,10 @@ bool DispatchExpr(AVisitorRqExpr& visitor, T& node) {
     static_assert(std::is_base_of_v<RqClassTraits<cls>::Base, cls>,      \
                   #cls " must derive from the base its kind row names"); \
     bool cls::DispatchVisit(AVisitorRqNode& visitor) {                   \
-        return DispatchNode(visitor, *this);                             \
+        return Dispatch<RqNodeSlotOf>(visitor, *this);                   \
     }                                                                    \
     bool cls::DispatchExprVisit(AVisitorRqExpr& visitor) {               \
-        return DispatchExpr(visitor, *this);                             \
+        return Dispatch<RqExprSlotOf>(visitor, *this);                   \
     }                                                                    \
     RqNode* cls::CloneNode(ZKAllocSite& site) const {                    \
         return new (site) cls(*this);                                    \

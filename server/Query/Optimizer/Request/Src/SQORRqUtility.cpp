@@ -281,22 +281,19 @@ private:
         return prec;
     }
 
-    static int Compare(const wchar_t* op, const RqExpr& expr, std::vector<Piece>& parts) {
+    // A comparison `left op right`; a quantified comparison binds its subquery side tighter.
+    static int Compare(const wchar_t* op, const RqExpr& expr, std::vector<Piece>& parts,
+                       int rightPrec = kPrecCompare + 1) {
         if (expr.GetNumChildren() != 2)
             return Generic(FunctionName(expr.GetObjectType()), expr, parts);
         parts.push_back(Piece::Node(expr.GetIthChild(0), kPrecCompare + 1));
         parts.push_back(Piece::Text(op));
-        parts.push_back(Piece::Node(expr.GetIthChild(1), kPrecCompare + 1));
+        parts.push_back(Piece::Node(expr.GetIthChild(1), rightPrec));
         return kPrecCompare;
     }
 
     static int Quantified(const wchar_t* op, const RqExpr& expr, std::vector<Piece>& parts) {
-        if (expr.GetNumChildren() != 2)
-            return Generic(FunctionName(expr.GetObjectType()), expr, parts);
-        parts.push_back(Piece::Node(expr.GetIthChild(0), kPrecCompare + 1));
-        parts.push_back(Piece::Text(op));
-        parts.push_back(Piece::Node(expr.GetIthChild(1), kPrecPrimary));
-        return kPrecCompare;
+        return Compare(op, expr, parts, kPrecPrimary);
     }
 
     static int List(const RqExpr& expr, std::vector<Piece>& parts) {

@@ -52,22 +52,18 @@ struct RqClassTraits<RqNode> {
 #define RQ_SLOT_F 1
 #define RQ_SLOT_L 1
 #define RQ_SLOT_N 0
-#define RQ_TRAITS_K(kindName, cls, baseCls, nv, ev)        \
+// A class without a kind of its own reports the kind of its base.
+#define RQ_TRAITS(kindValue, cls, baseCls, nv, ev)         \
     template <>                                            \
     struct RqClassTraits<cls> {                            \
-        static constexpr int kKind = kindName;             \
+        static constexpr int kKind = kindValue;            \
         using Base = baseCls;                              \
         static constexpr bool kHasNodeSlot = RQ_SLOT_##nv; \
         static constexpr bool kHasExprSlot = RQ_SLOT_##ev; \
     };
-#define RQ_TRAITS_C(kindName, cls, baseCls, nv, ev)                 \
-    template <>                                                     \
-    struct RqClassTraits<cls> {                                     \
-        static constexpr int kKind = RqClassTraits<baseCls>::kKind; \
-        using Base = baseCls;                                       \
-        static constexpr bool kHasNodeSlot = RQ_SLOT_##nv;          \
-        static constexpr bool kHasExprSlot = RQ_SLOT_##ev;          \
-    };
+#define RQ_TRAITS_K(kindName, cls, baseCls, nv, ev) RQ_TRAITS(kindName, cls, baseCls, nv, ev)
+#define RQ_TRAITS_C(kindName, cls, baseCls, nv, ev) \
+    RQ_TRAITS(RqClassTraits<baseCls>::kKind, cls, baseCls, nv, ev)
 #define RQ_TRAITS_M(kindName, cls, baseCls, nv, ev)
 #define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) \
     RQ_TRAITS_##row(kind, cls, base, nv, ev)
@@ -76,6 +72,7 @@ struct RqClassTraits<RqNode> {
 #undef RQ_TRAITS_K
 #undef RQ_TRAITS_C
 #undef RQ_TRAITS_M
+#undef RQ_TRAITS
 
 // The class whose AVisitorRqNode overload presents a node of class T (void: none).
 template <class T>
