@@ -14,7 +14,7 @@
 struct RqCatalog {
     struct Setting {
         ZKString m_name;
-        ZKString m_value;   // as written: text, or an integer's digits
+        ZKString m_value;     // as written: text, or an integer's digits
         bool m_bInt = false;  // for properties: set as an integer property
     };
     std::shared_ptr<RpRepository> m_pRepository = std::make_shared<RpRepository>();
@@ -35,6 +35,8 @@ public:
     // names the repository refuses (duplicates, unknown tables in keys and joins, ...).
     static RqCatalog Read(std::string_view text, const std::string& fileName);
     // Canonical text: objects in repository order, so reading it back gives the same
-    // identifiers.
+    // identifiers. The text nests pools and tables in their database and columns and keys
+    // in their table, so that holds when each kind of object was added parent by parent
+    // (always so for a catalog that was read, and for one built a parent at a time).
     static std::string Write(const RqCatalog& catalog);
 };

@@ -26,3 +26,11 @@ public:
     static RqHandleNode* Read(std::string_view text, const std::string& fileName,
                               const ARpGateway* rp = nullptr);
 };
+
+// Structural comparison of two trees, for checking that reading a printed tree gives the
+// tree back: the same kinds in the same child slots, the same fields (execution choices and
+// labels included), the same targets, node identities shared by the same groups of nodes,
+// and references, shared lists and join links pointing at corresponding nodes. On a
+// difference, `firstDifference` (when given) receives the path of the first node that
+// differs and what differs.
+bool RqTextSameTree(const RqNode& a, const RqNode& b, std::string* firstDifference = nullptr);
