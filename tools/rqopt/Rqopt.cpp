@@ -1,0 +1,370 @@
+// rqopt's run: the catalog and session, the request, the rules one after another with what
+// each did, and the exit status.
+
+#include "Rqopt.h"
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+#include "BuiltinCatalog.h"
+#include "DidYouMean.h"
+#include "Platform/CompatFlags.h"
+#include "Platform/ErrorMessage.h"
+#include "Platform/Repository.h"
+#include "Platform/SystemUtility.h"
+#include "Query/Optimizer/Request/SQORRqDumpout.h"
+#include "Query/Optimizer/Request/SQORRqList.h"
+#include "Query/Optimizer/Request/SQORRqUtility.h"
+#include "Query/Optimizer/Request/SQORRqVerifier.h"
+#include "Query/Optimizer/RequestText/SQORTextCatalog.h"
+#include "Query/Optimizer/RequestText/SQORTextRequest.h"
+#include "TextDiff.h"
+
+#ifndef RQ_VERSION
+#define RQ_VERSION "unknown"
+#endif
+
+namespace {
+
+// Server-wide flags outlive a session; resetting them on the way out keeps one run from
+// leaking its settings into the next run in the same process (tests, the golden runner).
+class ServerFlagsReset {
+public:
+    ~ServerFlagsReset() { SUCompatFlag::Reset(); }
+};
+
+bool ReadWholeFile(const std::string& path, std::string& text, std::string& error) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        error = "cannot read '" + path + "': " + std::strerror(errno);
+        return false;
+    }
+    std::ostringstream content;
+    content << file.rdbuf();
+    if (file.bad()) {
+        error = "cannot read '" + path + "'";
+        return false;
+    }
+    text = content.str();
+    return true;
+}
+
+// How many columns the request returns: those of its outermost list, wherever the request
+// node puts it (a cache or write request holds its list below itself). -1 without a list.
+int ResultColumnCount(RqHandleNode& root) {
+    RqNode* request = root.GetRqNode();
+    if (request == nullptr)
+        return -1;
+    RqAbstractList* list = dynamic_cast<RqAbstractList*>(request);
+    if (list == nullptr)
+        list = RqNodeUtility::GetChildRqList(request);
+    if (list == nullptr)
+        return -1;
+    const RqProjection* projection = list->GetProjection();
+    return projection != nullptr ? projection->GetNumColumns() : 0;
+}
+
+std::vector<std::string> CompatFlagNames() {
+    std::vector<std::string> names;
+    for (const CompatFlagInfo& info : CompatFlagCatalog::All())
+        names.push_back(ZKString(info.m_name).ToUtf8());
+    return names;
+}
+
+struct RuleTime {
+    std::string m_name;
+    double m_milliseconds;
+    bool m_bChanged;
+};
+
+class RqoptRun {
+public:
+    RqoptRun(const RqoptOptions& options, std::istream& in, std::ostream& out, std::ostream& err)
+        : m_options(options), m_in(in), m_out(out), m_err(err) {}
+
+    int Execute(const std::vector<RuleSpec>& rules, size_t uncut) {
+        ServerFlagsReset resetServerFlags;
+        int status = LoadCatalog();
+        if (status == kRqoptOk)
+            status = SetUpSession();
+        if (status == kRqoptOk)
+            status = ReadRequest();
+        if (status != kRqoptOk)
+            return status;
+        if (m_options.m_bisect >= 0) {
+            m_err << "rqopt: bisect: applying " << rules.size() << " of " << uncut << " rules";
+            if (!rules.empty())
+                m_err << "; the last is " << rules.back().ToString();
+            m_err << "\n";
+        }
+        try {
+            status = ApplyRules(rules);
+        } catch (const std::exception& e) {
+            // Printing a rewritten tree is all that is left to fail here.
+            m_err << "rqopt: " << e.what() << "\n";
+            status = kRqoptRuleFailed;
+        }
+        if (m_options.m_bTime)
+            PrintTimes();
+        return status;
+    }
+
+private:
+    int InputError(const std::string& message) {
+        m_err << "rqopt: " << message << "\n";
+        return kRqoptUsage;
+    }
+
+    int LoadCatalog() {
+        std::string text(RqoptBuiltinCatalog());
+        std::string name = kRqoptBuiltinCatalogName;
+        if (!m_options.m_catalog.empty()) {
+            name = m_options.m_catalog;
+            std::string error;
+            if (!ReadWholeFile(name, text, error))
+                return InputError(error);
+        }
+        try {
+            m_catalog = RqCatalogText::Read(text, name);
+        } catch (const RqTextError& e) {
+            m_err << e.what() << "\n";
+            return kRqoptUsage;
+        } catch (const ErrorMessage& e) {
+            return InputError(name + ": " + e.what());
+        }
+        m_catalogName = name;
+        return kRqoptOk;
+    }
+
+    int SetUpSession() {
+        try {
+            m_catalog.ApplyServerFlags();
+            m_pSession = m_catalog.MakeSession();
+        } catch (const ErrorMessage& e) {
+            return InputError(m_catalogName + ": " + e.what());
+        }
+        for (const auto& [name, value] : m_options.m_session) {
+            const ZKString wideName = ZKString::FromUtf8(name);
+            const ZKString wideValue = ZKString::FromUtf8(value);
+            long long number = 0;
+            if (BaseStringUtil::IntFrom(wideValue, number))
+                m_pSession->SetIntegerSessionProperty(wideName, number);
+            else
+                m_pSession->SetStringSessionProperty(wideName, wideValue);
+        }
+        for (const auto& [name, value] : m_options.m_flags) {
+            const int status = SetFlag(name, value);
+            if (status != kRqoptOk)
+                return status;
+        }
+        return kRqoptOk;
+    }
+
+    int SetFlag(const std::string& name, const std::string& value) {
+        const CompatFlagInfo* info = CompatFlagCatalog::Find(ZKString::FromUtf8(name));
+        if (info == nullptr) {
+            return InputError("--flag: unknown compatibility flag '" + name + "'" +
+                              DidYouMean(name, CompatFlagNames()));
+        }
+        const ZKString wideValue = ZKString::FromUtf8(value);
+        if (!info->m_bServerScope) {
+            try {
+                m_pSession->SetCompatFlagFromText(info->m_name, wideValue);
+            } catch (const ErrorMessage& e) {
+                return InputError(std::string("--flag: ") + e.what());
+            }
+            return kRqoptOk;
+        }
+        const std::string flagName = ZKString(info->m_name).ToUtf8();
+        if (info->m_bIsInt) {
+            long long number = 0;
+            if (!BaseStringUtil::IntFrom(wideValue, number) || number < INT_MIN || number > INT_MAX)
+                return InputError("--flag: " + flagName + " takes an integer, not '" + value + "'");
+            SUCompatFlag::SetInt(info->m_name, static_cast<int>(number));
+        } else {
+            bool flag = false;
+            if (!BaseStringUtil::BooleanFrom(wideValue, flag))
+                return InputError("--flag: " + flagName + " takes true or false, not '" + value +
+                                  "'");
+            SUCompatFlag::SetBool(info->m_name, flag);
+        }
+        return kRqoptOk;
+    }
+
+    int ReadRequest() {
+        std::string text;
+        std::string name = m_options.m_input;
+        if (name == "-") {
+            name = "<stdin>";
+            std::ostringstream content;
+            content << m_in.rdbuf();
+            text = content.str();
+        } else {
+            std::string error;
+            if (!ReadWholeFile(name, text, error))
+                return InputError(error);
+        }
+        try {
+            m_root.Reset(RqTextReader::Read(text, name, m_pSession.get()));
+        } catch (const RqTextError& e) {
+            m_err << e.what() << "\n";
+            return kRqoptUsage;
+        } catch (const std::exception& e) {
+            return InputError(name + ": " + e.what());
+        }
+        // The rules take a well-formed tree for granted; a malformed one is the input's
+        // fault and is reported as such rather than left to trip a rule's assertion.
+        const std::vector<RqViolation> violations = RqVerifier::Verify(*m_root);
+        if (!violations.empty()) {
+            return InputError(name + ": the request is malformed:\n" +
+                              RqVerifier::Describe(violations).ToUtf8());
+        }
+        return kRqoptOk;
+    }
+
+    std::string Render(const std::string& canonical) const {
+        if (!m_options.m_bDump)
+            return canonical;
+        return RqDumpout::StringFrom(m_root.Get(), m_pSession.get()).ToUtf8();
+    }
+
+    int ApplyRules(const std::vector<RuleSpec>& rules) {
+        const bool bPerRule = m_options.m_bDiff || m_options.m_bPrintAfterEach;
+        // Whether a rule changed the request is decided on the canonical text, which is the
+        // same for equivalent trees.
+        std::string canonical = RqTextWriter::Write(*m_root, m_pSession.get());
+        std::string shown = Render(canonical);
+        const int columns = ResultColumnCount(*m_root);
+        ServerStatistics statistics;
+        const RuleContext context{m_pSession.get(), &statistics};
+
+        for (const RuleSpec& spec : rules) {
+            const std::string name = spec.ToString();
+            const auto start = std::chrono::steady_clock::now();
+            try {
+                RuleRegistry::Apply(spec, context, *m_root);
+            } catch (const std::exception& e) {
+                // An ErrorMessage reads "[nnnnn] text"; cancellation and stack exhaustion
+                // arrive as exceptions of their own and are reported the same way.
+                RecordTime(name, start, true);
+                m_err << "rqopt: " << name << ": " << e.what() << "\n";
+                return kRqoptRuleFailed;
+            }
+            RecordTime(name, start, false);
+
+            // The printer relies on a well-formed tree, so the verifier runs after every rule
+            // whether or not it was asked for.
+            const std::vector<RqViolation> violations = RqVerifier::Verify(*m_root);
+            if (!violations.empty()) {
+                m_err << "rqopt: " << name << " left the request malformed:\n"
+                      << RqVerifier::Describe(violations).ToUtf8();
+                return kRqoptRuleFailed;
+            }
+            if (m_options.m_bVerifyEach) {
+                const int now = ResultColumnCount(*m_root);
+                if (now != columns) {
+                    m_err << "rqopt: " << name << " changed the number of result columns from "
+                          << columns << " to " << now << "\n";
+                    return kRqoptRuleFailed;
+                }
+            }
+
+            std::string after = RqTextWriter::Write(*m_root, m_pSession.get());
+            const bool bChanged = after != canonical;
+            m_times.back().m_bChanged = bChanged;
+            if (!bChanged) {
+                if (bPerRule)
+                    m_out << "# " << name << ": no change\n";
+                continue;
+            }
+            canonical = std::move(after);
+            std::string afterShown = Render(canonical);
+            if (m_options.m_bDiff)
+                m_out << UnifiedDiff(shown, afterShown, "before " + name, "after " + name);
+            if (m_options.m_bPrintAfterEach)
+                m_out << "# after " << name << "\n" << afterShown;
+            shown = std::move(afterShown);
+        }
+        if (!bPerRule)
+            m_out << shown;
+        return kRqoptOk;
+    }
+
+    void RecordTime(const std::string& name, std::chrono::steady_clock::time_point start,
+                    bool bFailed) {
+        const std::chrono::duration<double, std::milli> elapsed =
+            std::chrono::steady_clock::now() - start;
+        m_times.push_back({bFailed ? name + " (failed)" : name, elapsed.count(), false});
+    }
+
+    void PrintTimes() {
+        size_t width = 5;  // "total"
+        double total = 0;
+        for (const RuleTime& time : m_times) {
+            width = std::max(width, time.m_name.size());
+            total += time.m_milliseconds;
+        }
+        std::ostringstream report;
+        report << std::fixed << std::setprecision(3);
+        report << std::left << std::setw(static_cast<int>(width)) << "rule" << std::right
+               << std::setw(12) << "ms"
+               << "  changed\n";
+        for (const RuleTime& time : m_times) {
+            report << std::left << std::setw(static_cast<int>(width)) << time.m_name << std::right
+                   << std::setw(12) << time.m_milliseconds << "  "
+                   << (time.m_bChanged ? "yes" : "no") << "\n";
+        }
+        report << std::left << std::setw(static_cast<int>(width)) << "total" << std::right
+               << std::setw(12) << total << "\n";
+        m_err << report.str();
+    }
+
+    const RqoptOptions& m_options;
+    std::istream& m_in;
+    std::ostream& m_out;
+    std::ostream& m_err;
+    RqCatalog m_catalog;
+    std::string m_catalogName;
+    std::unique_ptr<RpSession> m_pSession;
+    Heap<RqHandleNode> m_root;
+    std::vector<RuleTime> m_times;
+};
+
+}  // namespace
+
+int RunRqopt(const std::vector<std::string>& args, std::istream& in, std::ostream& out,
+             std::ostream& err) {
+    RqoptOptions options;
+    std::string error;
+    if (!ParseRqoptArgs(args, options, error)) {
+        err << "rqopt: " << error << "\n";
+        return kRqoptUsage;
+    }
+    if (options.m_bHelp) {
+        PrintRqoptHelp(out);
+        return kRqoptOk;
+    }
+    if (options.m_bVersion) {
+        out << "rqopt " << RQ_VERSION << "\n";
+        return kRqoptOk;
+    }
+    if (options.m_bListRules) {
+        PrintRqoptRuleList(out, options.m_bMarkdown);
+        return kRqoptOk;
+    }
+    std::vector<RuleSpec> rules;
+    size_t uncut = 0;
+    if (!ResolveRqoptRules(options, rules, error, &uncut)) {
+        err << "rqopt: " << error << "\n";
+        return kRqoptUsage;
+    }
+    return RqoptRun(options, in, out, err).Execute(rules, uncut);
+}
