@@ -1751,22 +1751,25 @@ std::string SqlRenderer::GetTableName(const ATable& table) {
     return QuoteIdentifier(name + table.GetName().ToUtf8());
 }
 
-std::string SqlRenderer::QuoteIdentifier(std::string_view name) {
-    std::string out = "\"";
-    for (char c : name) {
+namespace {
+
+// SQL's quoting: the text between two quote characters, each quote inside doubled.
+std::string QuoteDoubling(std::string_view text, char quote) {
+    std::string out(1, quote);
+    for (char c : text) {
         out += c;
-        if (c == '"')
-            out += '"';
+        if (c == quote)
+            out += quote;
     }
-    return out + "\"";
+    return out + quote;
+}
+
+}  // namespace
+
+std::string SqlRenderer::QuoteIdentifier(std::string_view name) {
+    return QuoteDoubling(name, '"');
 }
 
 std::string SqlRenderer::QuoteText(std::string_view text) {
-    std::string out = "'";
-    for (char c : text) {
-        out += c;
-        if (c == '\'')
-            out += '\'';
-    }
-    return out + "'";
+    return QuoteDoubling(text, '\'');
 }
