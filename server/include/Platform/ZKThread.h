@@ -55,7 +55,7 @@ class ZKThread {
 public:
     // What must always remain free below the current frame: room for the unwinder, for
     // library calls made on the way out and for the frames between two checks.
-    static constexpr std::size_t kStackSafetyMargin = 64 * 1024;
+    static constexpr std::size_t kStackSafetyMargin = std::size_t{64} * 1024;
 
     // Throws StackExhaustedException when less than kStackSafetyMargin + extraBytes of the
     // calling thread's stack remains. extraBytes is what the caller is about to use.

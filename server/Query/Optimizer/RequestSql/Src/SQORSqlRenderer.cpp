@@ -1196,7 +1196,7 @@ private:
             return SqlRenderer::GetTableName(*table.m_table) + " AS " + alias;
         }
         const RqTableReference& reference = static_cast<const RqTableReference&>(*side);
-        const std::string left = Side(reference.GetLeftNode(), scope, aliases);
+        std::string left = Side(reference.GetLeftNode(), scope, aliases);
         const RqNode* condNode =
             reference.GetNumChildren() > 2 ? reference.GetIthChild(2) : nullptr;
         if (reference.GetRightNode() == nullptr) {

@@ -356,7 +356,7 @@ private:
             schema = std::move(name);
             name = m_lex.ExpectName("a table name");
         }
-        const RefATable table = m_repo.FindTableByName(db, Wide(schema), Wide(name));
+        RefATable table = m_repo.FindTableByName(db, Wide(schema), Wide(name));
         if (table.IsNull())
             m_lex.Fail(tableTok, "database " + RqTextOut::Name(dbName) + " has no table " +
                                      TableText(Wide(schema), Wide(name)));
