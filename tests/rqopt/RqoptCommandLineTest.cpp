@@ -94,6 +94,39 @@ TEST(RqoptCommandLine, MisuseIsAUsageError) {
     EXPECT_EQ(UsageError({"--session", "=1", "x"}), "--session takes NAME=VALUE, not '=1'");
 }
 
+TEST(RqoptCommandLine, TheDataOfTheCheckIsChosenByNumbersInRange) {
+    RqoptOptions options;
+    std::string error;
+    ASSERT_TRUE(ParseRqoptArgs(
+        {"--check-sql", "--seed=18446744073709551615", "--rows", "1000000", "--sql", "x"}, options,
+        error))
+        << error;
+    EXPECT_EQ(options.m_seed, UINT64_MAX);
+    EXPECT_EQ(options.m_rows, kRqoptMaxRows);
+    EXPECT_TRUE(options.m_bCheckSql && options.m_bSql && !options.m_bCheckSqlEach);
+    ASSERT_TRUE(ParseRqoptArgs({"--check-sql-each", "--seed", "0", "--rows=1", "x"},
+                               options = RqoptOptions(), error))
+        << error;
+    EXPECT_EQ(options.m_seed, 0u);
+    EXPECT_EQ(options.m_rows, 1u);
+
+    const std::string seed = "--seed takes a non-negative whole number below 2^64, not ";
+    EXPECT_EQ(UsageError({"--check-sql", "--seed", "-1", "x"}), seed + "'-1'");
+    EXPECT_EQ(UsageError({"--check-sql", "--seed", "18446744073709551616", "x"}),
+              seed + "'18446744073709551616'");
+    EXPECT_EQ(UsageError({"--check-sql", "--seed=", "x"}), seed + "''");
+    const std::string rows = "--rows takes a number of rows from 1 to 1000000, not ";
+    EXPECT_EQ(UsageError({"--check-sql", "--rows", "1000001", "x"}), rows + "'1000001'");
+    EXPECT_EQ(UsageError({"--check-sql", "--rows", "1e3", "x"}), rows + "'1e3'");
+    // Data settings without a check would be silently ignored.
+    EXPECT_EQ(UsageError({"--sql", "--rows", "2", "x"}),
+              "--rows goes with --check-sql or --check-sql-each");
+    EXPECT_EQ(UsageError({"--check-sql", "--check-sql-each", "x"}),
+              "--check-sql and --check-sql-each exclude each other");
+    EXPECT_EQ(UsageError({"--check-sql-eahc", "x"}),
+              "unknown option '--check-sql-eahc' (did you mean '--check-sql-each'?)");
+}
+
 TEST(RqoptCommandLine, MisspeltRulesAndPipelinesGetSuggestions) {
     EXPECT_EQ(UsageError({"--rules", "RemoveRedundantOrdrBy", "x"}),
               "unknown rule 'RemoveRedundantOrdrBy' (did you mean 'RemoveRedundantOrderBy'?)");
@@ -135,7 +168,8 @@ TEST(RqoptRun, InformationalOptionsNeedNoInput) {
     EXPECT_EQ(help.m_out.rfind("usage: rqopt", 0), 0u);
     for (const char* option :
          {"--rules", "--pipeline", "--disable", "--flag", "--session", "--print-after-each",
-          "--diff", "--time", "--verify-each", "--bisect", "--dump", "--catalog", "--list-rules"})
+          "--diff", "--time", "--verify-each", "--bisect", "--dump", "--catalog", "--list-rules",
+          "--sql", "--check-sql", "--check-sql-each", "--seed", "--rows"})
         EXPECT_NE(help.m_out.find(option), std::string::npos) << option;
 
     EXPECT_EQ(RunTool({"--version"}).m_out.rfind("rqopt ", 0), 0u);

@@ -24,6 +24,8 @@
 #include "Query/Optimizer/Request/SQORRqList.h"
 #include "Query/Optimizer/Request/SQORRqUtility.h"
 #include "Query/Optimizer/Request/SQORRqVerifier.h"
+#include "Query/Optimizer/RequestSql/SQORSqlCheck.h"
+#include "Query/Optimizer/RequestSql/SQORSqlRenderer.h"
 #include "Query/Optimizer/RequestText/SQORTextCatalog.h"
 #include "Query/Optimizer/RequestText/SQORTextRequest.h"
 #include "TextDiff.h"
@@ -85,10 +87,19 @@ struct RuleTime {
     bool m_bChanged;
 };
 
+// The statement of a request for --sql, or why there is none. A request without one is an
+// answer, not a failure of the tool, so it is printed as an SQL comment in its place.
+std::string StatementText(const SqlRenderResult& rendered) {
+    if (!rendered.IsOk())
+        return "-- no SQL statement: " + rendered.Describe() + "\n";
+    return rendered.m_sql + ";\n";
+}
+
 class RqoptRun {
 public:
-    RqoptRun(const RqoptOptions& options, std::istream& in, std::ostream& out, std::ostream& err)
-        : m_options(options), m_in(in), m_out(out), m_err(err) {}
+    RqoptRun(const RqoptOptions& options, std::istream& in, std::ostream& out, std::ostream& err,
+             RqoptCheckResult* pCheck)
+        : m_options(options), m_in(in), m_out(out), m_err(err), m_pCheck(pCheck) {}
 
     int Execute(const std::vector<RuleSpec>& rules, size_t uncut) {
         ServerFlagsReset resetServerFlags;
@@ -106,9 +117,19 @@ public:
             m_err << "\n";
         }
         try {
+            // The rules rewrite the tree in place: the SQL of the request as read and the
+            // check need a copy of it.
+            if (m_options.m_bSql || m_options.m_bCheckSql)
+                m_pOriginal.Reset(m_root->DeepCopy(false));
+            if (m_options.m_bCheckSqlEach)
+                StartCheckEach();
             status = ApplyRules(rules);
+            if (status == kRqoptOk && m_options.m_bSql)
+                PrintSql();
+            if (status == kRqoptOk && m_options.m_bCheckSql)
+                status = CheckSql();
         } catch (const std::exception& e) {
-            // Printing a rewritten tree is all that is left to fail here.
+            // Printing a rewritten tree and running SQL are all that is left to fail here.
             m_err << "rqopt: " << e.what() << "\n";
             status = kRqoptRuleFailed;
         }
@@ -236,8 +257,102 @@ private:
         return RqDumpout::StringFrom(m_root.Get(), m_pSession.get()).ToUtf8();
     }
 
+    SqlCheckOptions CheckOptions() const {
+        SqlCheckOptions options;
+        options.m_seed = m_options.m_seed;
+        options.m_rows = m_options.m_rows;
+        return options;
+    }
+
+    std::string DataText() const {
+        return "(seed " + std::to_string(m_options.m_seed) + ", " +
+               std::to_string(m_options.m_rows) + " rows per table)";
+    }
+
+    void PrintSql() {
+        const SqlRenderResult before = SqlRenderer::Render(*m_pOriginal, m_pSession.get());
+        const SqlRenderResult after = SqlRenderer::Render(*m_root, m_pSession.get());
+        m_out << "-- as read\n" << StatementText(before);
+        if (before.IsOk() && after.IsOk() && before.m_sql == after.m_sql)
+            m_out << "-- after the rules: the same statement\n";
+        else
+            m_out << "-- after the rules\n" << StatementText(after);
+    }
+
+    void RecordCheck(const SqlCheckOutcome& outcome, const RqNode& read, const RqNode& rewritten) {
+        if (m_pCheck == nullptr)
+            return;
+        m_pCheck->m_bChecked = true;
+        m_pCheck->m_outcome = outcome;
+        m_pCheck->m_readProblem = SqlRenderer::Render(read, m_pSession.get()).m_problem;
+        m_pCheck->m_rewrittenProblem = SqlRenderer::Render(rewritten, m_pSession.get()).m_problem;
+    }
+
+    int CheckSql() {
+        SqlCheckSession check(m_pSession.get(), CheckOptions());
+        // Both requests' literals go into the data before either runs, so that a filter of
+        // either side finds rows.
+        check.AddLiterals(*m_pOriginal);
+        check.AddLiterals(*m_root);
+        const SqlRunResult before = check.Run(*m_pOriginal);
+        const SqlRunResult after = check.Run(*m_root);
+        const SqlCheckOutcome outcome = check.Compare(before, after);
+        RecordCheck(outcome, *m_pOriginal, *m_root);
+        m_out << outcome.Report();
+        if (outcome.m_kind == SqlCheckOutcome::kDifferent) {
+            m_err << "rqopt: the rules changed the result of the request " << DataText() << "\n";
+            return kRqoptRuleFailed;
+        }
+        return kRqoptOk;
+    }
+
+    // Runs the request as read once, in the session every later check of --check-sql-each
+    // shares. A request that cannot be compared as read cannot be compared after any rule
+    // either: it is said once, and no rule is checked.
+    void StartCheckEach() {
+        m_pEach = std::make_unique<SqlCheckSession>(m_pSession.get(), CheckOptions());
+        m_eachOriginal = m_pEach->Run(*m_root);
+        if (!m_eachOriginal.m_bComparable) {
+            m_out << "# as read: not comparable " << DataText() << ": " << m_eachOriginal.m_reason
+                  << "; no rule is checked\n";
+            m_pEach.reset();
+            if (m_pCheck != nullptr) {
+                m_pCheck->m_bChecked = true;
+                m_pCheck->m_outcome.m_kind = SqlCheckOutcome::kNotComparable;
+                m_pCheck->m_outcome.m_reason = "the original request: " + m_eachOriginal.m_reason;
+                m_pCheck->m_readProblem = m_pCheck->m_rewrittenProblem =
+                    SqlRenderer::Render(*m_root, m_pSession.get()).m_problem;
+            }
+            return;
+        }
+        m_out << "# as read: " << m_eachOriginal.m_rows.m_rows.size() << " rows " << DataText()
+              << "\n";
+    }
+
+    // Compares the request after a rule that changed it with the request as read.
+    int CheckAfterRule(const std::string& name) {
+        const SqlRunResult now = m_pEach->Run(*m_root);
+        const SqlCheckOutcome outcome = m_pEach->Compare(m_eachOriginal, now);
+        if (m_pCheck != nullptr) {
+            m_pCheck->m_bChecked = true;
+            m_pCheck->m_outcome = outcome;
+            m_pCheck->m_readProblem = SqlProblem::kNone;
+            m_pCheck->m_rewrittenProblem = SqlRenderer::Render(*m_root, m_pSession.get()).m_problem;
+        }
+        m_out << "# " << name << ": " << outcome.Report();
+        if (outcome.m_kind == SqlCheckOutcome::kDifferent) {
+            m_err << "rqopt: " << name << " changed the result of the request " << DataText()
+                  << "; the rules after it were not applied\n";
+            return kRqoptRuleFailed;
+        }
+        return kRqoptOk;
+    }
+
     int ApplyRules(const std::vector<RuleSpec>& rules) {
         const bool bPerRule = m_options.m_bDiff || m_options.m_bPrintAfterEach;
+        // The SQL options print instead of the rewritten request.
+        const bool bPrintRequest =
+            !bPerRule && !m_options.m_bSql && !m_options.m_bCheckSql && !m_options.m_bCheckSqlEach;
         // Whether a rule changed the request is decided on the canonical text, which is the
         // same for equivalent trees.
         std::string canonical = RqTextWriter::Write(*m_root, m_pSession.get());
@@ -281,7 +396,7 @@ private:
             const bool bChanged = after != canonical;
             m_times.back().m_bChanged = bChanged;
             if (!bChanged) {
-                if (bPerRule)
+                if (bPerRule || m_pEach != nullptr)
                     m_out << "# " << name << ": no change\n";
                 continue;
             }
@@ -292,8 +407,13 @@ private:
             if (m_options.m_bPrintAfterEach)
                 m_out << "# after " << name << "\n" << afterShown;
             shown = std::move(afterShown);
+            if (m_pEach != nullptr) {
+                const int status = CheckAfterRule(name);
+                if (status != kRqoptOk)
+                    return status;
+            }
         }
-        if (!bPerRule)
+        if (bPrintRequest)
             m_out << shown;
         return kRqoptOk;
     }
@@ -335,6 +455,10 @@ private:
     std::string m_catalogName;
     std::unique_ptr<RpSession> m_pSession;
     Heap<RqHandleNode> m_root;
+    Heap<RqNode> m_pOriginal;                  // the request as read, for --sql and --check-sql
+    std::unique_ptr<SqlCheckSession> m_pEach;  // --check-sql-each, while rules are checked
+    SqlRunResult m_eachOriginal;
+    RqoptCheckResult* m_pCheck;
     std::vector<RuleTime> m_times;
 };
 
@@ -366,5 +490,12 @@ int RunRqopt(const std::vector<std::string>& args, std::istream& in, std::ostrea
         err << "rqopt: " << error << "\n";
         return kRqoptUsage;
     }
-    return RqoptRun(options, in, out, err).Execute(rules, uncut);
+    return RqoptRun(options, in, out, err, nullptr).Execute(rules, uncut);
+}
+
+int RunRqoptWith(const RqoptOptions& options, const std::vector<RuleSpec>& rules, std::istream& in,
+                 std::ostream& out, std::ostream& err, RqoptCheckResult* pCheck) {
+    if (pCheck != nullptr)
+        *pCheck = RqoptCheckResult();
+    return RqoptRun(options, in, out, err, pCheck).Execute(rules, rules.size());
 }

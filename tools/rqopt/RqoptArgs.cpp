@@ -1,6 +1,8 @@
 // The command line of rqopt: parsing, the rule sequence it selects, help and rule listing.
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <ostream>
 
@@ -18,14 +20,27 @@ struct OptionSpec {
 // Every option, for the parser and for suggestions.
 const std::vector<OptionSpec>& OptionTable() {
     static const std::vector<OptionSpec> table = {
-        {"--catalog", true},      {"--rules", true},
-        {"--pipeline", true},     {"--disable", true},
-        {"--flag", true},         {"--session", true},
-        {"--bisect", true},       {"--list-rules", false},
-        {"--markdown", false},    {"--print-after-each", false},
-        {"--diff", false},        {"--time", false},
-        {"--verify-each", false}, {"--dump", false},
-        {"--help", false},        {"--version", false},
+        {"--catalog", true},
+        {"--rules", true},
+        {"--pipeline", true},
+        {"--disable", true},
+        {"--flag", true},
+        {"--session", true},
+        {"--bisect", true},
+        {"--list-rules", false},
+        {"--markdown", false},
+        {"--print-after-each", false},
+        {"--diff", false},
+        {"--time", false},
+        {"--verify-each", false},
+        {"--dump", false},
+        {"--help", false},
+        {"--version", false},
+        {"--sql", false},
+        {"--check-sql", false},
+        {"--check-sql-each", false},
+        {"--seed", true},
+        {"--rows", true},
     };
     return table;
 }
@@ -53,6 +68,19 @@ bool ParseCount(const std::string& text, int& value) {
         !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
         return false;
     value = std::atoi(text.c_str());
+    return true;
+}
+
+// A whole number in [minimum, maximum], digits only (no sign, no blanks).
+bool ParseNumber(const std::string& text, uint64_t minimum, uint64_t maximum, uint64_t& value) {
+    if (text.empty() || text.size() > 20 ||
+        !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
+        return false;
+    errno = 0;
+    const unsigned long long number = std::strtoull(text.c_str(), nullptr, 10);
+    if (errno == ERANGE || number < minimum || number > maximum)
+        return false;
+    value = number;
     return true;
 }
 
@@ -94,6 +122,27 @@ bool ApplyOption(const std::string& name, const std::string& value, RqoptOptions
         options.m_bHelp = true;
     } else if (name == "--version") {
         options.m_bVersion = true;
+    } else if (name == "--sql") {
+        options.m_bSql = true;
+    } else if (name == "--check-sql") {
+        options.m_bCheckSql = true;
+    } else if (name == "--check-sql-each") {
+        options.m_bCheckSqlEach = true;
+    } else if (name == "--seed") {
+        if (!ParseNumber(value, 0, UINT64_MAX, options.m_seed)) {
+            error = "--seed takes a non-negative whole number below 2^64, not '" + value + "'";
+            return false;
+        }
+        options.m_bSeedGiven = true;
+    } else if (name == "--rows") {
+        uint64_t rows = 0;
+        if (!ParseNumber(value, 1, kRqoptMaxRows, rows)) {
+            error = "--rows takes a number of rows from 1 to " + std::to_string(kRqoptMaxRows) +
+                    ", not '" + value + "'";
+            return false;
+        }
+        options.m_rows = static_cast<uint32_t>(rows);
+        options.m_bRowsGiven = true;
     }
     return true;
 }
@@ -201,6 +250,16 @@ bool ParseRqoptArgs(const std::vector<std::string>& args, RqoptOptions& options,
         error = "--markdown goes with --list-rules";
         return false;
     }
+    if (options.m_bCheckSql && options.m_bCheckSqlEach) {
+        error = "--check-sql and --check-sql-each exclude each other";
+        return false;
+    }
+    if ((options.m_bSeedGiven || options.m_bRowsGiven) && !options.m_bCheckSql &&
+        !options.m_bCheckSqlEach) {
+        error = std::string(options.m_bSeedGiven ? "--seed" : "--rows") +
+                " goes with --check-sql or --check-sql-each";
+        return false;
+    }
     if (options.m_bRulesGiven && !options.m_pipeline.empty()) {
         error = "--rules and --pipeline exclude each other";
         return false;
@@ -277,11 +336,27 @@ void PrintRqoptHelp(std::ostream& out) {
            "  --verify-each         after each rule also check that the request returns as\n"
            "                        many result columns as before (the tree verifier runs\n"
            "                        after every rule in any case)\n"
+           "\n"
+           "SQL (instead of the rewritten request; after --diff or --print-after-each output)\n"
+           "  --sql                 the SQLite statement of the request as read and after\n"
+           "                        the rules; a construct without SQL meaning prints\n"
+           "                        '-- no SQL statement: ...' naming the node by its path\n"
+           "  --check-sql           run the request as read and as rewritten on generated\n"
+           "                        data in SQLite and compare: 'same', 'different' (with\n"
+           "                        the first differing rows and both statements) or 'not\n"
+           "                        comparable' with the reason\n"
+           "  --check-sql-each      compare with the request as read after every rule that\n"
+           "                        changes it; stop at the first rule that changes the result\n"
+           "  --seed N              seed of the generated data (default 1)\n"
+           "  --rows N              rows of a full-size generated table, 1 to 1000000\n"
+           "                        (default 1000)\n"
+           "\n"
            "  --help, --version\n"
            "\n"
-           "Exit status: 0 success; 1 a rule raised an error or left the request malformed;\n"
-           "2 a usage error or an unreadable or malformed input (reported as\n"
-           "file:line:column: message).\n";
+           "Exit status: 0 success (a check that says 'same' or 'not comparable' included);\n"
+           "1 a rule raised an error or left the request malformed, or the check found a\n"
+           "different result; 2 a usage error or an unreadable or malformed input (reported\n"
+           "as file:line:column: message).\n";
 }
 
 void PrintRqoptRuleList(std::ostream& out, bool bMarkdown) {

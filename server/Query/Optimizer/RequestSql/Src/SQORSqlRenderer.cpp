@@ -243,9 +243,12 @@ void HarvestConjuncts(const RqExpr* cond, ExprList& out) {
     }
 }
 
-// The derived table a block reads row for row: the block's only FROM member, with nothing
-// that regroups or reorders its rows (no GROUP BY, no aggregate, no DISTINCT, no ORDER BY of
-// its own; a WHERE only drops rows). Such a block keeps that table's order. Null otherwise.
+// The derived table a block reads row for row: the block's only FROM member, read through a
+// plain (inner or natural) reference with no right side, with nothing that regroups or
+// reorders its rows (no GROUP BY, no aggregate, no DISTINCT, no ORDER BY of its own; a WHERE
+// only drops rows). Such a block keeps that table's order. An outer join keeps no order even
+// when it has one side only: the engine runs it as a join, and the rules that drop ORDER BY
+// under joins count it as one. Null otherwise.
 const RqDerivedTable* RowForRowSource(const RqList& block) {
     if (block.GetOrderBy() != nullptr || block.GetGroupBy() != nullptr || block.IsDistinct() ||
         block.GetSummaryFilter() != nullptr || block.GetHaving() != nullptr)
@@ -256,6 +259,8 @@ const RqDerivedTable* RowForRowSource(const RqList& block) {
     const RqJoinNode* node = joinSpec->GetIthJoinNode(0);
     const RqTableReference* reference = node != nullptr ? node->GetTableReference() : nullptr;
     if (reference == nullptr || reference->GetRightNode() != nullptr ||
+        (reference->GetJoinType() != SqlTableRef::kInnerJoin &&
+         reference->GetJoinType() != SqlTableRef::kNaturalJoin) ||
         reference->GetLeftNode() == nullptr ||
         reference->GetLeftNode()->GetObjectType() != kRqDerivedTable)
         return nullptr;
@@ -669,9 +674,12 @@ private:
 
     std::string Member(const RqAbstractList& member, const Scope* outer) {
         std::string sql = List(member, outer);
-        const bool bPlain = member.GetObjectType() == kRqList &&
-                            static_cast<const RqList&>(member).GetOrderBy() == nullptr &&
-                            !LimitApplies(member);
+        // A block that reads an ordered derived table row for row is rendered with that
+        // table's ORDER BY, so it needs the wrapping as much as one with an ORDER BY of its own.
+        const auto* block =
+            member.GetObjectType() == kRqList ? static_cast<const RqList*>(&member) : nullptr;
+        const bool bPlain = block != nullptr && block->GetOrderBy() == nullptr &&
+                            RowForRowSource(*block) == nullptr && !LimitApplies(member);
         // A compound's members cannot carry ORDER BY or LIMIT, nor be compounds themselves.
         return bPlain ? sql : "SELECT *\nFROM (\n" + Indent(sql) + "\n)";
     }
