@@ -1,9 +1,9 @@
 // Every sample request and every golden case that rewrites a request is run on SQLite before
 // and after its rules, on several seeds of generated data, with the tree verified after each
-// rule: a rewrite that breaks the tree or changes the result fails here. A case that cannot be
-// compared is allowed, but it is named with its reason in the output, so that an unexpected one is
-// noticed; and a request that renders as read must still render after the rules, or the check would
-// lose sight of it.
+// rule: a rewrite that breaks the tree or changes the result fails here. A case that cannot
+// be compared is allowed, but it is named with its reason in the output, so that an
+// unexpected one is noticed; and a request that renders as read must still render after the
+// rules, or the check would lose sight of it.
 
 #include <gtest/gtest.h>
 
