@@ -7,6 +7,7 @@
 // looked up by name in tables that are declared after them, and the targets that nodes
 // inherit) is recorded on the way and settled at the end.
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -173,8 +174,14 @@ private:
             m_lex.Next();
             return value;
         }
+        // A number is accepted for a value of the table only: the fields are enumerations
+        // without a fixed type, which cannot hold other values.
         if (at.Is(RqTokenKind::kInteger)) {
             m_lex.Next();
+            if (at.m_int < std::numeric_limits<int>::min() ||
+                at.m_int > std::numeric_limits<int>::max() ||
+                WordOf(table, N, static_cast<int>(at.m_int)) == nullptr)
+                Fail(at, std::string(what) + " out of range: " + at.m_text);
             return static_cast<int>(at.m_int);
         }
         m_lex.Expected(std::string(what) + " (" + WordChoices(table) + ")");
@@ -308,10 +315,13 @@ private:
         }
         if (IsTableNumWord(at)) {
             m_lex.Next();
+            // Every number up to the largest int prints in this form, so every one reads.
             const std::string digits = at.m_text.substr(1);
-            if (digits.size() > 9)
+            const size_t first = std::min(digits.find_first_not_of('0'), digits.size() - 1);
+            if (digits.size() - first > 10 ||
+                std::stoll(digits.substr(first)) > std::numeric_limits<int>::max())
                 Fail(at, "table number out of range: " + digits);
-            return std::stoi(digits);
+            return static_cast<int>(std::stoll(digits.substr(first)));
         }
         m_lex.Expected("a table number (t1)");
     }
@@ -535,10 +545,22 @@ private:
                 m_lex.Expected("the shared list (@label, $anchor or none)");
             }
         }
-        // Head: label, anchor, flags and fields in any order, then the annotation.
+        // Head: label, anchor, flags and fields in any order, then the annotation. A list
+        // without a body is followed directly by the next item, so the head stops where
+        // that item begins: a reference (`@x.0`, `$1.0`) or a shared list (`shared @x`,
+        // `shared none`), which the `shared` flag is never followed by.
         while (true) {
             const RqToken at = m_lex.Peek();
-            if (at.Is(RqTokenKind::kLabel)) {
+            const RqToken& after = m_lex.Peek(1);
+            const bool startsItem =
+                ((at.Is(RqTokenKind::kLabel) || at.Is(RqTokenKind::kAnchor)) &&
+                 after.IsPunct(".")) ||
+                (at.IsWord("shared") &&
+                 (after.Is(RqTokenKind::kLabel) || after.Is(RqTokenKind::kAnchor) ||
+                  after.IsWord("none") || after.IsWord("outside")));
+            if (startsItem) {
+                break;
+            } else if (at.Is(RqTokenKind::kLabel)) {
                 m_lex.Next();
                 RegisterLabel(list, at);
             } else if (at.Is(RqTokenKind::kAnchor)) {
@@ -675,8 +697,9 @@ private:
                 projection->AddChild(column.Release());
             }
         }
-        // Without `next=` the generator stands after the highest column number.
-        if (!hasNext && highest >= 0)
+        // Without `next=` the generator stands after the highest column number (when there
+        // is a number after it: the writer gives a column numbered INT_MAX a `next=`).
+        if (!hasNext && highest >= 0 && highest < std::numeric_limits<int>::max())
             projection->ReSyncColumnNumGenerator(highest);
         if (owner != nullptr)
             m_columns[owner] = std::move(columns);
@@ -1045,11 +1068,10 @@ private:
         Owned node(MakeBlankNode(kind));
         if (!node)
             Fail(at, "'" + at.m_text + "' is an abstract kind");
-        if (m_lex.Peek().Is(RqTokenKind::kString)) {
-            const RqToken nameAt = m_lex.Next();
-            if (!SetNodeName(*node, nameAt.m_text))
-                Fail(nameAt, "'" + at.m_text + "' has no name");
-        }
+        // Only a class with a name field takes the string: for the others it is the next
+        // item, an expression.
+        if (m_lex.Peek().Is(RqTokenKind::kString) && SetNodeName(*node, m_lex.Peek().m_text))
+            m_lex.Next();
         Annotate(node.Get(), ParseAnnotation());
         ParseChildren(*node, nullptr);
         return node;
@@ -1205,12 +1227,16 @@ private:
         const RqToken at = m_lex.Peek();
         const int tableNum = ParseTableNum();
         m_lex.ExpectPunct(".");
+        const int nameLine = m_lex.Peek().m_line;
         const std::string name = m_lex.ExpectName("a column name");
         Owned owned(MakeBlankNode(kind));
         auto& column = static_cast<RqTargetColumn&>(*owned);
         column.SetTableNum(tableNum);
         column.SetName(ZKString::FromUtf8(name));
-        if (m_lex.AcceptPunct("(")) {
+        // The identifier follows on the name's line; a parenthesis on a later line begins
+        // the next item of a body, a column list such as `(null)`.
+        if (m_lex.Peek().IsPunct("(") && m_lex.Peek().m_line == nameLine) {
+            m_lex.Next();
             column.SetColumnID(ExpectRawID());
             m_lex.ExpectPunct(")");
         } else {

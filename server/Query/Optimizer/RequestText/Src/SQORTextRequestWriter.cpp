@@ -5,6 +5,8 @@
 // anchor, which labels are ambiguous, and which repository table each table number denotes.
 // The second walk prints, recursing once per level of nesting.
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <unordered_map>
@@ -313,23 +315,24 @@ private:
             case kRqExcept:
             case kRqBreakFilter:
             case kRqCacheList:
-            case kRqSharedList:
+            case kRqSharedList: {
                 ListHead(static_cast<const RqAbstractList&>(node), head);
                 head.Add(Annotation(node, parent));
                 m_out += head.Text();
                 // A block's clauses go to their slots by kind, so absent ones are left out.
-                if (kind == kRqList) {
-                    std::vector<const RqNode*> clauses;
-                    for (int i = 0; i < node.GetNumChildren(); ++i) {
-                        if (node.GetIthChild(i) != nullptr)
-                            clauses.push_back(node.GetIthChild(i));
-                    }
-                    Body(static_cast<int>(clauses.size()),
-                         [&](int i) { WriteItem(clauses[static_cast<size_t>(i)], self); });
-                } else {
-                    ChildrenBody(node, self);
+                std::vector<const RqNode*> items;
+                for (int i = 0; i < node.GetNumChildren(); ++i) {
+                    if (kind != kRqList || node.GetIthChild(i) != nullptr)
+                        items.push_back(node.GetIthChild(i));
                 }
+                Body(static_cast<int>(items.size()),
+                     [&](int i) { WriteItem(items[static_cast<size_t>(i)], self); });
+                // A head must not end in the `shared` flag: an absent item after it would
+                // read as `shared none`, a shared list.
+                if (items.empty() && static_cast<const RqAbstractList&>(node).IsShared())
+                    m_out += " {}";
                 return;
+            }
             case kRqProjection: {
                 const auto& projection = static_cast<const RqProjection&>(node);
                 if (projection.PeekNextColumnNum() != DefaultNextColumnNum(projection))
@@ -432,24 +435,26 @@ private:
             ChildrenBody(node, self);
             return;
         }
-        // Every other node: its kind name, its name field when its class has one, its
-        // children.
+        // Every other node: its kind name, its name field when its class has one (an empty
+        // name only on a node without children, where a string expression after it would
+        // otherwise read as the name), its children.
         std::string name;
-        if (GetNodeName(node, name) && !name.empty())
+        if (GetNodeName(node, name) && (!name.empty() || node.GetNumChildren() == 0))
             head.Add(RqTextOut::Quote(name));
         head.Add(Annotation(node, parent));
         m_out += head.Text();
         ChildrenBody(node, self);
     }
 
-    static int DefaultNextColumnNum(const RqProjection& projection) {
-        int next = 0;
+    // Wider than an int: after a column numbered INT_MAX the generator has no place, so
+    // `next=` always prints for such a projection.
+    static int64_t DefaultNextColumnNum(const RqProjection& projection) {
+        int64_t next = 0;
         for (int i = 0; i < projection.GetNumChildren(); ++i) {
             const RqNode* child = projection.GetIthChild(i);
             if (child != nullptr && child->GetObjectType() == kRqDerivedColumn) {
-                const int num = static_cast<const RqDerivedColumn*>(child)->GetColumnNum();
-                if (num + 1 > next)
-                    next = num + 1;
+                const int64_t num = static_cast<const RqDerivedColumn*>(child)->GetColumnNum();
+                next = std::max(next, num + 1);
             }
         }
         return next;
@@ -559,13 +564,14 @@ private:
         head.Add(Annotation(orderBy, parent));
         m_out += head.Text();
         const Target self = TargetOf(orderBy);
-        const int numSpecs = orderBy.GetNumSortSpecs();
+        // Entries print by what they are, not by which group the order-by counts them in: a
+        // sort key after a push-down aggregate is still a key (`push key 0` would not read).
         for (int i = 0; i < orderBy.GetNumChildren(); ++i) {
             m_out += i == 0 ? " " : ", ";
             const RqNode* child = orderBy.GetIthChild(i);
             if (child == nullptr) {
                 m_out += "none";
-            } else if (i < numSpecs && child->GetObjectType() == kRqSortSpec) {
+            } else if (child->GetObjectType() == kRqSortSpec) {
                 Level level(*this);
                 WriteSortSpec(static_cast<const RqSortSpec&>(*child), self);
             } else {

@@ -1,0 +1,112 @@
+// Random request trees over the whole kind table round-trip through the text: print, read,
+// print again gives the same text, and the tree read equals the original. A failure names
+// the seed and shows the text, so that RandomRequest(seed, ...) reproduces it.
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+#include "Query/Optimizer/RequestText/SQORTextRequest.h"
+#include "RandomRequest.h"
+
+namespace {
+
+constexpr uint64_t kTrees = 400;
+
+// The first difference of one round trip, empty when there is none.
+std::string RoundTripFailure(const RqHandleNode& tree, const ARpGateway* rp) {
+    std::string printed;
+    try {
+        printed = RqTextWriter::Write(tree, rp);
+        Heap<RqHandleNode> back(RqTextReader::Read(printed, "random.rq", rp));
+        const std::string again = RqTextWriter::Write(*back, rp);
+        if (again != printed)
+            return "second print differs:\n" + again + "\nfirst print:\n" + printed;
+        std::string difference;
+        if (!RqTextSameTree(tree, *back, &difference))
+            return "the tree read differs: " + difference + "\n" + printed;
+    } catch (const RqTextError& error) {
+        return std::string("the print does not read back: ") + error.what() + "\n" + printed;
+    }
+    return std::string();
+}
+
+void CollectKinds(const RqNode& node, std::set<RqNodeType_e>& kinds) {
+    kinds.insert(node.GetObjectType());
+    for (int i = 0; i < node.GetNumChildren(); ++i) {
+        if (const RqNode* child = node.GetIthChild(i))
+            CollectKinds(*child, kinds);
+    }
+}
+
+TEST(RandomRoundTrip, RandomTreesRoundTripWithAndWithoutACatalog) {
+    std::set<RqNodeType_e> kinds;
+    int failures = 0;
+    for (uint64_t seed = 1; seed <= kTrees && failures < 3; ++seed) {
+        // Odd seeds name repository objects through the sample catalog, even ones print
+        // raw identifiers.
+        const ARpGateway* rp = seed % 2 == 1 ? &textfuzz::SampleGateway() : nullptr;
+        Heap<RqHandleNode> tree(textfuzz::RandomRequest(seed, rp));
+        CollectKinds(*tree, kinds);
+        const std::string failure = RoundTripFailure(*tree, rp);
+        if (!failure.empty()) {
+            ++failures;
+            ADD_FAILURE() << "seed " << seed << (rp != nullptr ? " with" : " without")
+                          << " the sample catalog: " << failure;
+        }
+    }
+    // The generator must reach every concrete kind, or the property says less than it seems.
+    std::string missing;
+    for (int value = 0; value < kRqNodeTypeCount; ++value) {
+        const auto kind = static_cast<RqNodeType_e>(value);
+        if (RqIsNodeTypeValue(value) && !RqIsAbstractNodeType(kind) && kinds.count(kind) == 0)
+            missing += std::string(" ") + RqNodeTypeName(kind);
+    }
+    EXPECT_EQ(missing, "") << "kinds no random tree holds";
+}
+
+// Cases the random trees found, kept because few seeds reach them: a node printed without a
+// body is followed directly by the next item, which must not be read as part of its head.
+TEST(RandomRoundTrip, ItemsAfterANodeWithoutABodyKeepTheirMeaning) {
+    const char* const texts[] = {
+        // A shared list after a list head: `shared` is also a flag of the head.
+        "request { union { list {} shared none {} cachelist @a {} shared @a {} } }",
+        "request { union { list shared {} none } }",
+        // A reference after a list head, which could take its label or anchor.
+        "request { Write { list @a { select { 0: 1 } } list {} @a.0 list {} $1.0 "
+        "list $1 { select { 0: 2 } } } }",
+        // A string after a generic node, which could take it as its name.
+        "request { Write { Write \"\" {} \"text\" NullNode {} \"more\" } }",
+        // A column list after a column, which could take it as its identifier.
+        "request { Write { t1.X(null) (null) } }",
+        // A sort key after a push-down aggregate.
+        "request { list { orderby push Sum(1), 0 desc } }",
+        // Table numbers up to the largest int.
+        "request { list { from { table 3:1 t2147483647 } } }",
+    };
+    for (const char* text : texts) {
+        Heap<RqHandleNode> tree(RqTextReader::Read(text, "case.rq"));
+        EXPECT_EQ(RoundTripFailure(*tree, nullptr), "") << text;
+    }
+    // Enumerated fields take a number only for a value they have.
+    try {
+        Heap<RqHandleNode> tree(
+            RqTextReader::Read("request { list { from { join 26 { table 3:1 t1 } } } }", "e.rq"));
+        ADD_FAILURE() << "a join type without a word was read";
+    } catch (const RqTextError& error) {
+        EXPECT_EQ(error.GetMessage(), "a join type out of range: 26");
+    }
+}
+
+// The same seed gives the same tree, so that a failure reproduces from its seed alone.
+TEST(RandomRoundTrip, GeneratorIsDeterministic) {
+    for (uint64_t seed : {7u, 8u}) {
+        const ARpGateway* rp = seed % 2 == 1 ? &textfuzz::SampleGateway() : nullptr;
+        Heap<RqHandleNode> first(textfuzz::RandomRequest(seed, rp));
+        Heap<RqHandleNode> second(textfuzz::RandomRequest(seed, rp));
+        EXPECT_EQ(RqTextWriter::Write(*first, rp), RqTextWriter::Write(*second, rp));
+    }
+}
+
+}  // namespace
