@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -213,6 +214,14 @@ TEST(ListProjection, NumberingHandsOutFreshNumbersPastExplicitOnes) {
     EXPECT_EQ(projection.FindColumnIndex(10), 2);
     EXPECT_EQ(projection.FindColumnIndex(first), 1);
     EXPECT_EQ(projection.FindColumnIndex(99), -1);
+
+    // A column numbered at the top of the range saturates the generator instead of
+    // overflowing it; only asking it for one more number is the broken invariant.
+    constexpr int kTop = std::numeric_limits<int>::max();
+    projection.AddColumn(RQ_NEW RqDerivedColumn(Col(6), kTop));
+    projection.ReSyncColumnNumGenerator(kTop);
+    EXPECT_EQ(projection.PeekNextColumnNum(), kTop);
+    EXPECT_DEATH(projection.GetNextColumnNum(), "m_nextColumnNum != std::numeric_limits");
 }
 
 TEST(ListProjection, MatchingAndInsertionGoByEquivalence) {

@@ -4,6 +4,7 @@
 #include "Query/Optimizer/Request/SQORRqList.h"
 
 #include <algorithm>
+#include <limits>
 #include <vector>
 
 #include "Platform/Repository.h"
@@ -224,13 +225,19 @@ RqDerivedColumn* RqProjection::RemoveColumn(RqDerivedColumn* column) {
 }
 
 int RqProjection::GetNextColumnNum() {
+    // A projection whose numbers reach the top of the range has none left to hand out.
+    ZK_ASSERT(m_nextColumnNum != std::numeric_limits<int>::max());
     return m_nextColumnNum++;
 }
 
 // Only ever moves the generator forward: a number already handed out is never handed out again.
+// A column numbered at the top of the range leaves the generator there (it saturates rather
+// than overflows); asking it for a number then is the broken invariant.
 void RqProjection::ReSyncColumnNumGenerator(int columnNum) {
-    if (columnNum >= m_nextColumnNum)
-        m_nextColumnNum = columnNum + 1;
+    if (columnNum >= m_nextColumnNum) {
+        m_nextColumnNum =
+            columnNum == std::numeric_limits<int>::max() ? columnNum : columnNum + 1;
+    }
 }
 
 // ---- Filter clauses ------------------------------------------------------------------------
