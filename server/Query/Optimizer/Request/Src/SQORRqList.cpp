@@ -235,8 +235,7 @@ int RqProjection::GetNextColumnNum() {
 // than overflows); asking it for a number then is the broken invariant.
 void RqProjection::ReSyncColumnNumGenerator(int columnNum) {
     if (columnNum >= m_nextColumnNum) {
-        m_nextColumnNum =
-            columnNum == std::numeric_limits<int>::max() ? columnNum : columnNum + 1;
+        m_nextColumnNum = columnNum == std::numeric_limits<int>::max() ? columnNum : columnNum + 1;
     }
 }
 

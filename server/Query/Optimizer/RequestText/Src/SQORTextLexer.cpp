@@ -11,8 +11,8 @@
 
 RqTextError::RqTextError(std::string file, int line, int column, std::string message)
     : m_file(std::move(file)), m_line(line), m_column(column), m_message(std::move(message)) {
-    m_what = m_file + ":" + std::to_string(m_line) + ":" + std::to_string(m_column) + ": " +
-             m_message;
+    m_what =
+        m_file + ":" + std::to_string(m_line) + ":" + std::to_string(m_column) + ": " + m_message;
 }
 
 std::string RqToken::Describe() const {
@@ -175,8 +175,7 @@ void RqTextLexer::Tokenize(std::string_view text) {
             } else {
                 tok.m_kind = RqTokenKind::kInteger;
                 const char* first = tok.m_text.data();
-                const auto [ptr, ec] =
-                    std::from_chars(first, first + tok.m_text.size(), tok.m_int);
+                const auto [ptr, ec] = std::from_chars(first, first + tok.m_text.size(), tok.m_int);
                 if (ec != std::errc() || ptr != first + tok.m_text.size())
                     fail(tok.m_line, tok.m_column, "integer out of range: " + tok.m_text);
             }
