@@ -1,8 +1,16 @@
 // Costs of the request layer's basic operations and of RemoveRedundantOrderBy on requests of
 // growing size: a chain of blocks, each reading the one below it as a derived table and
 // carrying an ORDER BY of its own.
+//
+// DeepCopy and Verify also run on two wide shapes of about the same node count as the chain:
+// a UNION of leaf blocks side by side, and one block with a wide projection. A cost that is
+// paid per node per level of nesting shows up in the chain only; a cost of memory traffic
+// (the tree outgrowing the caches) shows up in every shape alike. Their counters report
+// nodes per second, so the shapes compare at equal node counts.
 
 #include <benchmark/benchmark.h>
+
+#include <vector>
 
 #include "Query/Optimizer/Request/SQORRqBuilder.h"
 #include "Query/Optimizer/Request/SQORRqVerifier.h"
@@ -10,14 +18,19 @@
 
 namespace {
 
+RqList* LeafBlock() {
+    return rqb::Block()
+        .Select(rqb::Col(L"a", 1))
+        .Select(rqb::Col(L"b", 1))
+        .From(rqb::Table(VoidID(3, 1), 1))
+        .Where(rqb::Gt(rqb::Col(L"a", 1), rqb::Int(0)))
+        .OrderBy({{1}})
+        .Build();
+}
+
+// About 14 nodes per block.
 RqHandleNode* NestedRequest(int depth) {
-    RqList* list = rqb::Block()
-                       .Select(rqb::Col(L"a", 1))
-                       .Select(rqb::Col(L"b", 1))
-                       .From(rqb::Table(VoidID(3, 1), 1))
-                       .Where(rqb::Gt(rqb::Col(L"a", 1), rqb::Int(0)))
-                       .OrderBy({{1}})
-                       .Build();
+    RqList* list = LeafBlock();
     for (int level = 1; level < depth; ++level) {
         RqExpr* a = rqb::Ref(*list, 0);
         RqExpr* b = rqb::Ref(*list, 1);
@@ -30,6 +43,49 @@ RqHandleNode* NestedRequest(int depth) {
     }
     return rqb::Request(list);
 }
+
+// `width` leaf blocks (16 nodes each) under one UNION ALL: as many blocks as the chain of
+// that depth, none nested in another.
+RqHandleNode* WideUnionRequest(int width) {
+    RqAbstractListVector members;
+    for (int i = 0; i < width; ++i)
+        members.push_back(LeafBlock());
+    return rqb::Request(RQ_NEW RqUnion(members, true));
+}
+
+// One block over a leaf block with 3.5 columns per `width` (4 nodes each), every fourth one
+// also an ORDER BY key: the chain's node count in two levels.
+RqHandleNode* WideProjectionRequest(int width) {
+    RqList* inner = LeafBlock();
+    rqb::Block outer;
+    const int numColumns = width * 7 / 2;
+    for (int i = 0; i < numColumns; ++i)
+        outer.Select(rqb::Add(rqb::Ref(*inner, i % 2), rqb::Int(i)));
+    outer.From(rqb::Derived(inner));
+    SortSpecVector keys;
+    for (int i = 0; i < numColumns; i += 4)
+        keys.push_back(RQ_NEW RqSortSpec(outer.Column(i)->GetColumnNum(), RqSortSpec::kAsc));
+    RqList* block = outer.Build();
+    block->SetOrderBy(RQ_NEW RqOrderBy(keys));
+    return rqb::Request(block);
+}
+
+int64_t CountNodes(const RqNode& root) {
+    int64_t count = 0;
+    std::vector<const RqNode*> work{&root};
+    while (!work.empty()) {
+        const RqNode* node = work.back();
+        work.pop_back();
+        ++count;
+        for (int i = 0; i < node->GetNumChildren(); ++i) {
+            if (const RqNode* child = node->GetIthChild(i))
+                work.push_back(child);
+        }
+    }
+    return count;
+}
+
+using MakeRequest = RqHandleNode* (*)(int);
 
 void BM_RemoveRedundantOrderBy(benchmark::State& state) {
     const int depth = static_cast<int>(state.range(0));
@@ -58,25 +114,50 @@ void BM_BuildAndDestroy(benchmark::State& state) {
 }
 BENCHMARK(BM_BuildAndDestroy)->RangeMultiplier(2)->Range(256, 4096)->Complexity();
 
-void BM_DeepCopy(benchmark::State& state) {
-    const int depth = static_cast<int>(state.range(0));
-    Heap<RqHandleNode> request(NestedRequest(depth));
+// The copy and its destruction: a copy is made to be thrown away again.
+void BM_DeepCopy(benchmark::State& state, MakeRequest make) {
+    const int size = static_cast<int>(state.range(0));
+    Heap<RqHandleNode> request(make(size));
     for (auto _ : state) {
         Heap<RqNode> copy(request->DeepCopy(false));
         benchmark::DoNotOptimize(copy.Get());
     }
-    state.SetComplexityN(depth);
+    state.SetComplexityN(size);
+    state.SetItemsProcessed(state.iterations() * CountNodes(*request));
 }
-BENCHMARK(BM_DeepCopy)->RangeMultiplier(2)->Range(256, 4096)->Complexity();
+BENCHMARK_CAPTURE(BM_DeepCopy, chain, NestedRequest)
+    ->RangeMultiplier(2)
+    ->Range(256, 4096)
+    ->Complexity();
+BENCHMARK_CAPTURE(BM_DeepCopy, union, WideUnionRequest)
+    ->RangeMultiplier(2)
+    ->Range(256, 4096)
+    ->Complexity();
+BENCHMARK_CAPTURE(BM_DeepCopy, projection, WideProjectionRequest)
+    ->RangeMultiplier(2)
+    ->Range(256, 4096)
+    ->Complexity();
 
-void BM_Verify(benchmark::State& state) {
-    const int depth = static_cast<int>(state.range(0));
-    Heap<RqHandleNode> request(NestedRequest(depth));
+void BM_Verify(benchmark::State& state, MakeRequest make) {
+    const int size = static_cast<int>(state.range(0));
+    Heap<RqHandleNode> request(make(size));
     for (auto _ : state) {
         benchmark::DoNotOptimize(RqVerifier::Verify(*request));
     }
-    state.SetComplexityN(depth);
+    state.SetComplexityN(size);
+    state.SetItemsProcessed(state.iterations() * CountNodes(*request));
 }
-BENCHMARK(BM_Verify)->RangeMultiplier(2)->Range(256, 4096)->Complexity();
+BENCHMARK_CAPTURE(BM_Verify, chain, NestedRequest)
+    ->RangeMultiplier(2)
+    ->Range(256, 4096)
+    ->Complexity();
+BENCHMARK_CAPTURE(BM_Verify, union, WideUnionRequest)
+    ->RangeMultiplier(2)
+    ->Range(256, 4096)
+    ->Complexity();
+BENCHMARK_CAPTURE(BM_Verify, projection, WideProjectionRequest)
+    ->RangeMultiplier(2)
+    ->Range(256, 4096)
+    ->Complexity();
 
 }  // namespace

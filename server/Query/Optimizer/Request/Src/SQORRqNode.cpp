@@ -2,11 +2,14 @@
 
 #include "Query/Optimizer/Request/SQORRqNode.h"
 
+#include <algorithm>
 #include <atomic>
+#include <type_traits>
 #include <vector>
 
 #include "Query/Optimizer/Request/SQORAVisitorRqNode.h"
 #include "Query/Optimizer/Request/SQORRqExpr.h"
+#include "Query/Optimizer/Request/SQORRqList.h"
 
 const wchar_t* const AVisitorRqNode::kNewLine = L"\n";
 
@@ -71,6 +74,59 @@ void RqNode::DestroyDetached(RqNode* node) {
     delete node;
 }
 
+// ---- Child slots --------------------------------------------------------------------------
+
+namespace {
+// Bytes of a block of child slots.
+size_t SlotBytes(size_t count) {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the block holds pointers, not nodes.
+    return count * sizeof(RqNode*);
+}
+// A block of child slots, counted with the nodes under the containers' site.
+RqNode** AllocateSlots(size_t count) {
+    return static_cast<RqNode**>(
+        ZKNodeAlloc::allocate(SlotBytes(count), ZKNodeAlloc::ContainerSite()));
+}
+void FreeSlots(RqNode** slots, size_t count) {
+    ZKNodeAlloc::deallocate(slots, SlotBytes(count));
+}
+}  // namespace
+
+RqNode::ChildList::~ChildList() {
+    if (m_pData != m_inline)
+        FreeSlots(m_pData, m_nCapacity);
+}
+
+void RqNode::ChildList::reserve(size_t capacity) {
+    if (capacity <= m_nCapacity)
+        return;
+    ZK_ASSERT(capacity <= UINT32_MAX);
+    RqNode** data = AllocateSlots(capacity);
+    std::copy(m_pData, m_pData + m_nSize, data);
+    if (m_pData != m_inline)
+        FreeSlots(m_pData, m_nCapacity);
+    m_pData = data;
+    m_nCapacity = static_cast<uint32_t>(capacity);
+}
+
+void RqNode::ChildList::resize(size_t n) {
+    if (n > m_nCapacity)
+        reserve(std::max(n, 2 * static_cast<size_t>(m_nCapacity)));
+    std::fill(m_pData + std::min(n, static_cast<size_t>(m_nSize)), m_pData + n, nullptr);
+    m_nSize = static_cast<uint32_t>(n);
+}
+
+void RqNode::ChildList::insert(size_t i, RqNode* child) {
+    push_back(nullptr);
+    std::copy_backward(m_pData + i, m_pData + m_nSize - 1, m_pData + m_nSize);
+    m_pData[i] = child;
+}
+
+void RqNode::ChildList::erase(size_t i) {
+    std::copy(m_pData + i + 1, m_pData + m_nSize, m_pData + i);
+    --m_nSize;
+}
+
 // ---- Navigation ---------------------------------------------------------------------------
 
 RqNode* RqNode::GetIthChild(int i) const {
@@ -111,7 +167,7 @@ void RqNode::AddChild(RqNode* child) {
 void RqNode::InsertChild(int i, RqNode* child) {
     ZK_ASSERT(i >= 0 && i <= GetNumChildren());
     AttachChild(child);
-    m_children.insert(m_children.begin() + i, child);
+    m_children.insert(static_cast<size_t>(i), child);
 }
 
 void RqNode::SetNumChildren(int n) {
@@ -124,7 +180,7 @@ void RqNode::SetNumChildren(int n) {
             DestroyDetached(last);
         }
     }
-    m_children.resize(static_cast<size_t>(n), nullptr);
+    m_children.resize(static_cast<size_t>(n));
 }
 
 RqNode* RqNode::ReleaseIthChild(int i) {
@@ -159,7 +215,7 @@ void RqNode::SetIthChild(int i, RqNode* child) {
 
 RqNode* RqNode::RemoveIthChild(int i) {
     RqNode* child = ReleaseIthChild(i);
-    m_children.erase(m_children.begin() + i);
+    m_children.erase(static_cast<size_t>(i));
     return child;
 }
 
@@ -237,37 +293,114 @@ bool RqNode::IsAggrNode(const RqNode* node) {
 
 // ---- Copies -------------------------------------------------------------------------------
 
+namespace {
+// Kinds that non-owning links point at: a reference's column, a join link's ends, a shared
+// list's list. Lookups of these go to the small index; anything else still finds its copy
+// through the full one.
+RqNodeTypeSet LinkTargetKinds() {
+    RqNodeTypeSet kinds;
+    for (int kind = 0; kind < kRqNodeTypeCount; ++kind) {
+        const auto type = static_cast<RqNodeType_e>(kind);
+        if (RqIsNodeTypeValue(kind) &&
+            (type == kRqDerivedColumn || type == kRqJoinNode || RqIsKindOf(type, kRqAbstractList)))
+            kinds.set(static_cast<size_t>(kind));
+    }
+    return kinds;
+}
+}  // namespace
+
+void RqNode::CopyMap::Add(const RqNode* original, RqNode* copy) {
+    static const RqNodeTypeSet s_targetKinds = LinkTargetKinds();
+    const auto position = static_cast<uint32_t>(m_pairs.size());
+    m_pairs.emplace_back(original, copy);
+    // The copy has the original's kind and is in cache, so the kind is asked of it.
+    if (s_targetKinds.test(static_cast<size_t>(copy->GetObjectType())))
+        m_targets.Insert(original, position);
+    if (m_bAllIndexed)
+        m_all.Insert(original, position);
+}
+
+RqNode* RqNode::CopyMap::Find(const RqNode* original) const {
+    uint32_t position = m_targets.Find(original);
+    if (position == RqNodeIndexMap::kAbsent) {
+        if (!m_bAllIndexed) {
+            m_all.Reserve(m_pairs.size());
+            for (size_t i = 0; i < m_pairs.size(); ++i)
+                m_all.Insert(m_pairs[i].first, static_cast<uint32_t>(i));
+            m_bAllIndexed = true;
+        }
+        position = m_all.Find(original);
+    }
+    return position == RqNodeIndexMap::kAbsent ? nullptr : m_pairs[position].second;
+}
+
 void RqNode::FixUpCopy(const CopyMap&) {}
 
 RqNode* RqNode::DeepCopy(bool keepIdentity) const {
+    // The kinds whose classes override FixUpCopy somewhere below RqNode: only their copies
+    // need the second pass, so that a large copy is not walked twice. Read off the classes
+    // themselves, so that a class that starts to hold links is never skipped: an override
+    // makes the member inaccessible or of another class, either of which counts.
+    static const RqNodeTypeSet s_fixUpKinds = [] {
+        auto inheritsFixUp = []<class T>() {
+            if constexpr (requires { &T::FixUpCopy; })
+                return std::is_same_v<decltype(&T::FixUpCopy), void (RqNode::*)(const CopyMap&)>;
+            else
+                return false;
+        };
+        RqNodeTypeSet kinds;
+#define RQ_FIXUP_KIND(cls)                         \
+    if (!inheritsFixUp.template operator()<cls>()) \
+        kinds.set(static_cast<size_t>(cls::kKind));
+#define RQ_FIXUP_G(cls) RQ_FIXUP_KIND(cls)
+#define RQ_FIXUP_H(cls) RQ_FIXUP_KIND(cls)
+#define RQ_FIXUP_A(cls)
+#define RQ_FIXUP_N(cls)
+#define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) RQ_FIXUP_##decl(cls)
+#include "Query/Optimizer/Request/SQORRqNodeKinds.def"
+#undef RQ_NODE_KIND
+#undef RQ_FIXUP_G
+#undef RQ_FIXUP_H
+#undef RQ_FIXUP_A
+#undef RQ_FIXUP_N
+#undef RQ_FIXUP_KIND
+        return kinds;
+    }();
+
     ZKAllocSite& site = ZK_HERE;
     CopyMap map;
-    std::vector<RqNode*> copies;
+    std::vector<RqNode*> fixUps;
+    auto adopt = [&](const RqNode* original, RqNode* copy) {
+        if (!keepIdentity)
+            copy->SetUniqueID();
+        map.Add(original, copy);
+        if (s_fixUpKinds.test(static_cast<size_t>(copy->GetObjectType())))
+            fixUps.push_back(copy);
+    };
     RqNode* root = CloneNode(site);
-    map.Add(this, root);
-    copies.push_back(root);
+    adopt(this, root);
     // An explicit stack keeps deep trees off the call stack.
     std::vector<std::pair<const RqNode*, RqNode*>> work{{this, root}};
     while (!work.empty()) {
         auto [original, copy] = work.back();
         work.pop_back();
+        copy->m_children.reserve(original->m_children.size());
         for (RqNode* child : original->m_children) {
             if (child == nullptr) {
                 copy->m_children.push_back(nullptr);
                 continue;
             }
             RqNode* childCopy = child->CloneNode(site);
-            copy->AddChild(childCopy);
-            map.Add(child, childCopy);
-            copies.push_back(childCopy);
+            childCopy->m_pParent = copy;
+            copy->m_children.push_back(childCopy);
+            adopt(child, childCopy);
             work.emplace_back(child, childCopy);
         }
     }
-    for (RqNode* copy : copies) {
-        if (!keepIdentity)
-            copy->SetUniqueID();
+    // Links are re-pointed only once every copy exists: a reference may be copied before the
+    // column it reads.
+    for (RqNode* copy : fixUps)
         copy->FixUpCopy(map);
-    }
     return root;
 }
 
@@ -287,6 +420,51 @@ void RqHandleNode::SetRqNode(RqNode* request) {
 
 RqNode* RqHandleNode::ReleaseRqNode() {
     return GetNumChildren() > 0 ? ReleaseIthChild(0) : nullptr;
+}
+
+// ---- RqNodeIndexMap -----------------------------------------------------------------------
+
+bool RqNodeIndexMap::Insert(const RqNode* node, uint32_t index) {
+    ZK_ASSERT(node != nullptr);
+    // At most half full, so that probe runs stay short.
+    if (2 * (m_nSize + 1) > m_slots.size())
+        Rehash(std::max<size_t>(16, 2 * m_slots.size()));
+    const size_t mask = m_slots.size() - 1;
+    for (size_t i = Home(node);; i = (i + 1) & mask) {
+        Slot& slot = m_slots[i];
+        if (slot.m_pKey == node)
+            return false;
+        if (slot.m_pKey == nullptr) {
+            slot = Slot{node, index};
+            ++m_nSize;
+            return true;
+        }
+    }
+}
+
+void RqNodeIndexMap::Reserve(size_t count) {
+    size_t numSlots = 16;
+    while (numSlots < 2 * count)
+        numSlots *= 2;
+    if (numSlots > m_slots.size())
+        Rehash(numSlots);
+}
+
+void RqNodeIndexMap::Rehash(size_t numSlots) {
+    std::vector<Slot> old(numSlots, Slot{nullptr, 0});
+    old.swap(m_slots);
+    m_nShift = 64;
+    for (size_t n = numSlots; n > 1; n /= 2)
+        --m_nShift;
+    const size_t mask = numSlots - 1;
+    for (const Slot& slot : old) {
+        if (slot.m_pKey == nullptr)
+            continue;
+        size_t i = Home(slot.m_pKey);
+        while (m_slots[i].m_pKey != nullptr)
+            i = (i + 1) & mask;
+        m_slots[i] = slot;
+    }
 }
 
 // ---- SmartRqNodePtr -----------------------------------------------------------------------

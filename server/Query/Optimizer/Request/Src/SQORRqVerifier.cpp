@@ -1,14 +1,21 @@
 // Structural verification of request trees. The tree is walked once, iteratively, to record
-// every node with the node that holds it; the link checks happen during that walk. Every
-// other check then runs over the records, so that references can be resolved against the
-// whole tree, and the verifier never dereferences a non-owning link (a reference's column, a
-// shared list's target) before the walk has found the node it names.
+// every node with the node that holds it; the link checks happen during that walk, and so do
+// the checks that read only a node and what it owns. The checks that follow a non-owning link
+// (a reference's column, a shared list's target, and the break filter, whose inner list may
+// be one) wait until the walk has recorded the whole tree, so that links resolve against all
+// of it and the verifier never dereferences one before the walk has found the node it names.
+// Reports keep the order of the walk either way.
+//
+// Requests run to tens of thousands of nodes, more than the caches hold, so a node is visited
+// once rather than once per phase, and the per-node work is kept to a few flat-table lookups
+// without allocations: the records are found again through one open-addressed index, and what
+// is asked per clause (the column numbers of a projection, the projections a block reads) is
+// computed once.
 
 #include "Query/Optimizer/Request/SQORRqVerifier.h"
 
 #include <algorithm>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 
 #include "Query/Optimizer/Request/SQORRqExpr.h"
@@ -55,8 +62,20 @@ public:
     explicit Verification(const RqNode& root) { Walk(root); }
 
     std::vector<RqViolation> Run() {
-        for (const NodeRecord& record : m_records)
-            CheckNode(record);
+        const size_t numImmediate = m_checked.size();
+        m_bChecking = true;
+        for (uint32_t position : m_deferred) {
+            m_checkKey = (static_cast<uint64_t>(position) << 1) | 1;
+            CheckLinks(m_records[position]);
+        }
+        // Both runs are in walk order; a node's own checks come before those of its links.
+        std::inplace_merge(
+            m_checked.begin(), m_checked.begin() + static_cast<std::ptrdiff_t>(numImmediate),
+            m_checked.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+        for (auto& [key, violation] : m_checked) {
+            violation.m_path = PathOf(violation.m_pNode);
+            m_violations.push_back(std::move(violation));
+        }
         return std::move(m_violations);
     }
 
@@ -68,8 +87,9 @@ private:
             const RqNode* m_pNode;
             const RqNode* m_pOwner;
             int m_index;
+            uint32_t m_ownerRecord;  // the owner's record, so that it need not be looked up
         };
-        std::vector<Pending> work{{&root, nullptr, -1}};
+        std::vector<Pending> work{{&root, nullptr, -1, RqNodeIndexMap::kAbsent}};
         while (!work.empty()) {
             const Pending pending = work.back();
             work.pop_back();
@@ -80,7 +100,8 @@ private:
                        L"held by " + PathOf(owner) + L" but its parent link names " +
                            DescribeNode(node->GetParent()));
             }
-            if (m_recordOf.count(node) != 0) {
+            const auto position = static_cast<uint32_t>(m_records.size());
+            if (!m_recordOf.Insert(node, position)) {
                 // Held a second time (or by its own subtree): walking it again could loop,
                 // and its checks run where it was first found.
                 Report(node, ChildPath(owner, node, pending.m_index), RqViolation::kSharedNode,
@@ -89,14 +110,19 @@ private:
             }
             const RqNode* block = nullptr;
             if (owner != nullptr) {
-                block = IsExactly(owner, kRqList) ? owner : m_records[m_recordOf[owner]].m_pBlock;
+                block =
+                    IsExactly(owner, kRqList) ? owner : m_records[pending.m_ownerRecord].m_pBlock;
             }
-            m_recordOf.emplace(node, m_records.size());
             m_records.push_back({node, owner, pending.m_index, block});
+            m_bChecking = true;
+            m_checkKey = static_cast<uint64_t>(position) << 1;
+            if (CheckNode(m_records.back()))
+                m_deferred.push_back(position);
+            m_bChecking = false;
             // Last child first, so that children are recorded in child order (pre-order).
             for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
                 if (const RqNode* child = node->GetIthChild(i))
-                    work.push_back({child, node, i});
+                    work.push_back({child, node, i, position});
             }
         }
     }
@@ -105,8 +131,8 @@ private:
     // depth on deep expression chains.
     ZKString PathOf(const RqNode* node) const {
         std::vector<const NodeRecord*> chain;
-        for (const RqNode* p = node; p != nullptr; p = m_records[m_recordOf.at(p)].m_pOwner) {
-            chain.push_back(&m_records[m_recordOf.at(p)]);
+        for (const RqNode* p = node; p != nullptr; p = chain.back()->m_pOwner) {
+            chain.push_back(&RecordOf(p));
         }
         ZKString path = TypeName(*chain.back()->m_pNode);
         for (auto it = chain.rbegin() + 1; it != chain.rend(); ++it) {
@@ -126,25 +152,31 @@ private:
         return TypeName(*node) + L" outside this tree";
     }
 
-    bool IsLive(const RqNode* node) const { return m_recordOf.count(node) != 0; }
+    bool IsLive(const RqNode* node) const { return m_recordOf.Contains(node); }
+    // The record of a node the walk found.
+    const NodeRecord& RecordOf(const RqNode* node) const {
+        const uint32_t position = m_recordOf.Find(node);
+        ZK_ASSERT(position != RqNodeIndexMap::kAbsent);
+        return m_records[position];
+    }
     const RqNode* Owner(const RqNode* node) const {
-        auto it = m_recordOf.find(node);
-        return it == m_recordOf.end() ? nullptr : m_records[it->second].m_pOwner;
+        const uint32_t position = m_recordOf.Find(node);
+        return position == RqNodeIndexMap::kAbsent ? nullptr : m_records[position].m_pOwner;
     }
 
     void Report(const RqNode* node, const ZKString& path, Kind kind, const ZKString& message) {
         m_violations.push_back({node, path, kind, message});
     }
     void Report(const RqNode* node, Kind kind, const ZKString& message) {
-        Report(node, PathOf(node), kind, message);
+        if (m_bChecking) {
+            // The node may be a child the walk has yet to record: Run finds its path.
+            m_checked.push_back({m_checkKey, {node, ZKString(), kind, message}});
+        } else {
+            Report(node, PathOf(node), kind, message);
+        }
     }
 
     // ---- Blocks and projections -------------------------------------------------------------
-
-    // The nearest block above `node` in the walk.
-    const RqNode* BlockOf(const RqNode* node) const {
-        return m_records[m_recordOf.at(node)].m_pBlock;
-    }
 
     static const RqNode* ProjectionOfBlock(const RqNode* block) {
         const RqNode* projection =
@@ -155,8 +187,9 @@ private:
     // The projection a list exposes to its readers, found through the children the walk has
     // seen (never through the list's own getters, which may assume a well-formed list).
     const RqNode* ExposedProjection(const RqNode* list) const {
-        std::unordered_set<const RqNode*> seen;
-        while (list != nullptr && seen.insert(list).second) {
+        // Every node of the chain is one the walk found, so a chain longer than the tree
+        // goes round a cycle (shared lists naming each other, a list held below itself).
+        for (size_t steps = 0; list != nullptr && steps <= m_records.size(); ++steps) {
             switch (list->GetObjectType()) {
                 case kRqList:
                     return ProjectionOfBlock(list);
@@ -180,25 +213,50 @@ private:
         return nullptr;
     }
 
-    static bool HasColumnNumber(const RqNode* projection, int columnNumber) {
+    // Whether a derived column of `projection` has the number. Every sort key of a block asks
+    // this of the same projection: a wide projection sorts its numbers once, so that a wide
+    // ORDER BY does not cost columns times keys.
+    bool HasColumnNumber(const RqNode* projection, int columnNumber) {
         if (projection == nullptr)
             return false;
-        for (int i = 0; i < projection->GetNumChildren(); ++i) {
-            const RqNode* column = projection->GetIthChild(i);
-            if (IsExactly(column, kRqDerivedColumn) &&
-                static_cast<const RqDerivedColumn*>(column)->GetColumnNum() == columnNumber) {
-                return true;
+        const int numChildren = projection->GetNumChildren();
+        if (numChildren <= kLinearScanColumns) {
+            for (int i = 0; i < numChildren; ++i) {
+                if (ColumnNumberAt(*projection, i) == columnNumber)
+                    return true;
             }
+            return false;
         }
-        return false;
+        auto [it, bInserted] = m_columnNumbers.try_emplace(projection);
+        std::vector<int>& numbers = it->second;
+        if (bInserted) {
+            for (int i = 0; i < numChildren; ++i) {
+                const int number = ColumnNumberAt(*projection, i);
+                if (number != kNoColumn)
+                    numbers.push_back(number);
+            }
+            std::sort(numbers.begin(), numbers.end());
+        }
+        return std::binary_search(numbers.begin(), numbers.end(), columnNumber);
     }
 
+    // The number of derived column i of a projection; kNoColumn for another member.
+    static constexpr int kNoColumn = INT32_MIN;
+    static int ColumnNumberAt(const RqNode& projection, int i) {
+        const RqNode* column = projection.GetIthChild(i);
+        return IsExactly(column, kRqDerivedColumn)
+                   ? static_cast<const RqDerivedColumn*>(column)->GetColumnNum()
+                   : kNoColumn;
+    }
+    static constexpr int kLinearScanColumns = 16;
+
     // The projections that the derived tables of a block's FROM clause expose.
-    void CollectFromProjections(const RqNode* block, std::vector<const RqNode*>& out) const {
+    void CollectFromProjections(const RqNode* block, std::vector<const RqNode*>& out) {
         const RqNode* joinSpec = Slot(*block, RqList::kJoinSpecChild);
         if (!IsExactly(joinSpec, kRqJoinSpec))
             return;
-        std::vector<const RqNode*> work{joinSpec};
+        std::vector<const RqNode*>& work = m_scratchNodes;
+        work.assign(1, joinSpec);
         while (!work.empty()) {
             const RqNode* node = work.back();
             work.pop_back();
@@ -252,11 +310,13 @@ private:
 
     // ---- Checks -----------------------------------------------------------------------------
 
-    void CheckNode(const NodeRecord& record) {
+    // The checks of a node that read only the node and what it owns; true when checks of its
+    // links remain for CheckLinks.
+    bool CheckNode(const NodeRecord& record) {
         const RqNode& node = *record.m_pNode;
         if (node.IsExpr()) {
-            CheckExpr(node);
-            return;
+            CheckExpr(record);
+            return node.GetObjectType() == kRqDerivedColumnReference;
         }
         switch (node.GetObjectType()) {
             case kRqHandleNode:
@@ -291,7 +351,7 @@ private:
                 CheckOrderBy(static_cast<const RqOrderBy&>(node));
                 break;
             case kRqSortSpec:
-                CheckSortSpec(static_cast<const RqSortSpec&>(node));
+                CheckSortSpec(static_cast<const RqSortSpec&>(node), record.m_pOwner);
                 CheckLeaf(node);
                 break;
             case kRqJoinSpec:
@@ -314,8 +374,7 @@ private:
                 }
                 break;
             case kRqBreakFilter:
-                CheckBreakFilter(static_cast<const RqBreakFilter&>(node));
-                break;
+                return true;
             case kRqUnion:
             case kRqIntersect:
             case kRqExcept:
@@ -328,9 +387,7 @@ private:
                 }
                 break;
             case kRqSharedList:
-                CheckSharedList(static_cast<const RqSharedList&>(node));
-                CheckLeaf(node);
-                break;
+                return true;
             case kRqNullNode:
             case kRqJoinLink:
             case kRqEntity:
@@ -346,6 +403,26 @@ private:
                 // Write requests and the request kinds that rules pass through hold whatever
                 // their producers put there.
                 break;
+        }
+        return false;
+    }
+
+    // The checks that follow non-owning links, once the whole tree is recorded.
+    void CheckLinks(const NodeRecord& record) {
+        const RqNode& node = *record.m_pNode;
+        switch (node.GetObjectType()) {
+            case kRqDerivedColumnReference:
+                CheckReference(static_cast<const RqDerivedColumnReference&>(node), record.m_pBlock);
+                break;
+            case kRqBreakFilter:
+                CheckBreakFilter(static_cast<const RqBreakFilter&>(node));
+                break;
+            case kRqSharedList:
+                CheckSharedList(static_cast<const RqSharedList&>(node));
+                CheckLeaf(node);
+                break;
+            default:
+                ZK_LOGIC_ERROR(L"only references, break filters and shared lists have links");
         }
     }
 
@@ -382,7 +459,24 @@ private:
     }
 
     void CheckProjection(const RqNode& projection) {
-        std::unordered_map<int, int> indexOfNumber;
+        // For each column, the first column with its number (itself when it is the first):
+        // numbers are sorted with their positions, and each run of equal ones names its head.
+        std::vector<std::pair<int, int>>& byNumber = m_scratchNumbers;
+        byNumber.clear();
+        for (int i = 0; i < projection.GetNumChildren(); ++i) {
+            const int number = ColumnNumberAt(projection, i);
+            if (number != kNoColumn && number >= 0)
+                byNumber.emplace_back(number, i);
+        }
+        std::sort(byNumber.begin(), byNumber.end());
+        std::vector<int>& firstWithNumber = m_scratchFirst;
+        firstWithNumber.assign(static_cast<size_t>(projection.GetNumChildren()), -1);
+        for (size_t k = 0; k < byNumber.size(); ++k) {
+            const bool bHead = k == 0 || byNumber[k].first != byNumber[k - 1].first;
+            firstWithNumber[static_cast<size_t>(byNumber[k].second)] =
+                bHead ? byNumber[k].second
+                      : firstWithNumber[static_cast<size_t>(byNumber[k - 1].second)];
+        }
         for (int i = 0; i < projection.GetNumChildren(); ++i) {
             const RqNode* member = projection.GetIthChild(i);
             if (!IsExactly(member, kRqDerivedColumn)) {
@@ -397,11 +491,11 @@ private:
                        L"column number " + Num(number) + L": every column needs one");
                 continue;
             }
-            auto [it, bInserted] = indexOfNumber.emplace(number, i);
-            if (!bInserted) {
+            const int first = firstWithNumber[static_cast<size_t>(i)];
+            if (first != i) {
                 Report(member, RqViolation::kDuplicateColumnNumber,
                        L"column number " + Num(number) + L" is also the number of column " +
-                           Num(it->second));
+                           Num(first));
             }
         }
     }
@@ -437,8 +531,7 @@ private:
         }
     }
 
-    void CheckSortSpec(const RqSortSpec& spec) {
-        const RqNode* orderBy = Owner(&spec);
+    void CheckSortSpec(const RqSortSpec& spec, const RqNode* orderBy) {
         if (!IsExactly(orderBy, kRqOrderBy)) {
             // Only an order-by gives a sort spec a block; its container reports the misplacement.
             return;
@@ -534,12 +627,13 @@ private:
 
     // ---- Expressions ------------------------------------------------------------------------
 
-    void CheckExpr(const RqNode& expr) {
+    void CheckExpr(const NodeRecord& record) {
+        const RqNode& expr = *record.m_pNode;
         const RqNodeType_e kind = expr.GetObjectType();
         const int numOperands = expr.GetNumChildren();
         const int maxOperands = RqNodeTypeMaxOperands(kind);
         if (expr.IsKindOf(kRqExprAggr)) {
-            CheckAggr(expr, numOperands, maxOperands);
+            CheckAggr(expr, record.m_pBlock, numOperands, maxOperands);
         } else {
             const int minOperands = RqNodeTypeMinOperands(kind);
             if (numOperands < minOperands || (maxOperands >= 0 && numOperands > maxOperands)) {
@@ -558,9 +652,6 @@ private:
                 }
             }
         }
-        if (IsExactly(&expr, kRqDerivedColumnReference)) {
-            CheckReference(static_cast<const RqDerivedColumnReference&>(expr));
-        }
     }
 
     static ZKString OperandRange(int numOperands, int minOperands, int maxOperands) {
@@ -568,7 +659,7 @@ private:
                (maxOperands >= 0 ? L" to " + Num(maxOperands) : ZKString(L" or more"));
     }
 
-    void CheckAggr(const RqNode& aggr, int numOperands, int maxOperands) {
+    void CheckAggr(const RqNode& aggr, const RqNode* block, int numOperands, int maxOperands) {
         const int kFixed = RqExprAggr::kFirstParameter;
         if (numOperands < kFixed ||
             (maxOperands >= 0 && numOperands > std::max(maxOperands, kFixed))) {
@@ -597,7 +688,6 @@ private:
         const auto* sorted = dynamic_cast<const RqExprSortDependentAggr*>(&aggr);
         if (sorted == nullptr)
             return;
-        const RqNode* block = BlockOf(&aggr);
         const RqNode* projection = ProjectionOfBlock(block);
         if (projection == nullptr)
             return;  // no block to name columns of: reported elsewhere
@@ -610,25 +700,26 @@ private:
         }
     }
 
-    void CheckReference(const RqDerivedColumnReference& reference) {
+    void CheckReference(const RqDerivedColumnReference& reference, const RqNode* block) {
         const RqDerivedColumn* column = reference.GetDerivedColumn();
         if (column == nullptr) {
             Report(&reference, RqViolation::kDanglingReference,
                    L"refers to no column (never set, or its column was destroyed)");
             return;
         }
-        if (!IsLive(column)) {
+        const uint32_t position = m_recordOf.Find(column);
+        if (position == RqNodeIndexMap::kAbsent) {
             Report(&reference, RqViolation::kDanglingReference,
                    L"refers to column " + Num(column->GetColumnNum()) + L" outside this tree");
             return;
         }
-        const RqNode* block = BlockOf(&reference);
         if (block == nullptr) {
             Report(&reference, RqViolation::kReferenceOutOfScope, L"the reference is in no block");
             return;
         }
         const std::vector<const RqNode*>& visible = VisibleProjections(block);
-        if (std::find(visible.begin(), visible.end(), Owner(column)) != visible.end())
+        if (std::find(visible.begin(), visible.end(), m_records[position].m_pOwner) !=
+            visible.end())
             return;
         Report(&reference, RqViolation::kReferenceOutOfScope,
                L"refers to " + PathOf(column) +
@@ -637,9 +728,20 @@ private:
     }
 
     std::vector<NodeRecord> m_records;
-    std::unordered_map<const RqNode*, size_t> m_recordOf;
-    std::vector<RqViolation> m_violations;
+    RqNodeIndexMap m_recordOf;              // position of each node's record
+    std::vector<RqViolation> m_violations;  // the walk's, then the checks'
+    // The checks' reports, keyed by the position of the node checked times two, plus one for
+    // the checks of its links.
+    std::vector<std::pair<uint64_t, RqViolation>> m_checked;
+    bool m_bChecking = false;
+    uint64_t m_checkKey = 0;
+    std::vector<uint32_t> m_deferred;  // records whose links remain to be checked
     std::unordered_map<const RqNode*, std::vector<const RqNode*>> m_visible;
+    // Sorted column numbers of the wide projections that sort keys were checked against.
+    std::unordered_map<const RqNode*, std::vector<int>> m_columnNumbers;
+    std::vector<const RqNode*> m_scratchNodes;
+    std::vector<std::pair<int, int>> m_scratchNumbers;
+    std::vector<int> m_scratchFirst;
 };
 
 }  // namespace

@@ -258,26 +258,118 @@ private:
     void AttachChild(RqNode* child);
     static void DestroyDetached(RqNode* node);
 
+    // The child slots. Most nodes hold at most two children (operands, a column's expression,
+    // a filter's condition), so those live inside the node and cost no allocation of their
+    // own; a longer list moves to a block of the tracking allocator, charged to the
+    // containers' site like any other list a node owns. Never copied: a copied node starts
+    // without children.
+    class ChildList {
+    public:
+        ChildList() = default;
+        ChildList(const ChildList&) = delete;
+        ChildList& operator=(const ChildList&) = delete;
+        ~ChildList();
+
+        size_t size() const { return m_nSize; }
+        bool empty() const { return m_nSize == 0; }
+        RqNode* const* begin() const { return m_pData; }
+        RqNode* const* end() const { return m_pData + m_nSize; }
+        RqNode*& operator[](size_t i) { return m_pData[i]; }
+        RqNode* operator[](size_t i) const { return m_pData[i]; }
+        RqNode* back() const { return m_pData[m_nSize - 1]; }
+
+        void reserve(size_t capacity);
+        void push_back(RqNode* child) {
+            if (m_nSize == m_nCapacity)
+                reserve(2 * static_cast<size_t>(m_nCapacity));
+            m_pData[m_nSize++] = child;
+        }
+        void pop_back() { --m_nSize; }
+        void clear() { m_nSize = 0; }
+        // Grows with nulls or shrinks (without destroying what is dropped).
+        void resize(size_t n);
+        void insert(size_t i, RqNode* child);
+        void erase(size_t i);
+
+    private:
+        static constexpr uint32_t kInline = 2;
+        RqNode** m_pData = m_inline;
+        uint32_t m_nSize = 0;
+        uint32_t m_nCapacity = kInline;
+        RqNode* m_inline[kInline] = {};
+    };
+
     RqNode* m_pParent = nullptr;
-    std::vector<RqNode*, ZKAllocator<RqNode*>> m_children;
+    ChildList m_children;
     ServerInfo::TargetType m_targetType = ServerInfo::kUnknown;
     VoidID m_targetID;
     NodeID m_nodeID;
     SmartRqNodePtr* m_pWatchers = nullptr;
 };
 
+// A map from nodes to numbers (positions in a table of the caller's), for walks over large
+// trees that must find a node's record again. One flat open-addressed table: no allocation
+// per entry, and a lookup touches one or two adjacent slots. Null is never a key.
+class RqNodeIndexMap {
+public:
+    static constexpr uint32_t kAbsent = UINT32_MAX;
+
+    // Adds `node` with `index`; false, and no change, when the node is already present.
+    bool Insert(const RqNode* node, uint32_t index);
+    // The index of `node`, or kAbsent.
+    uint32_t Find(const RqNode* node) const {
+        if (m_nSize == 0 || node == nullptr)
+            return kAbsent;
+        const size_t mask = m_slots.size() - 1;
+        for (size_t i = Home(node);; i = (i + 1) & mask) {
+            const Slot& slot = m_slots[i];
+            if (slot.m_pKey == node)
+                return slot.m_index;
+            if (slot.m_pKey == nullptr)
+                return kAbsent;
+        }
+    }
+    bool Contains(const RqNode* node) const { return Find(node) != kAbsent; }
+    size_t Size() const { return m_nSize; }
+    // Room for `count` entries without growing.
+    void Reserve(size_t count);
+
+private:
+    struct Slot {
+        const RqNode* m_pKey;
+        uint32_t m_index;
+    };
+    // Multiplicative hashing: the high bits of the product mix every bit of the address,
+    // including the low ones that alignment keeps equal.
+    size_t Home(const RqNode* node) const {
+        return static_cast<size_t>((reinterpret_cast<uintptr_t>(node) * 0x9E3779B97F4A7C15ull) >>
+                                   m_nShift);
+    }
+    void Rehash(size_t numSlots);
+
+    std::vector<Slot> m_slots;
+    size_t m_nSize = 0;
+    unsigned m_nShift = 64;
+};
+
 // Map from the nodes of an original subtree to their copies, handed to FixUpCopy.
 class RqNode::CopyMap {
 public:
     // The copy of `original`, or null when it lies outside the copied subtree.
-    RqNode* Find(const RqNode* original) const {
-        auto it = m_copies.find(original);
-        return it == m_copies.end() ? nullptr : it->second;
-    }
-    void Add(const RqNode* original, RqNode* copy) { m_copies.emplace(original, copy); }
+    RqNode* Find(const RqNode* original) const;
+    // Records `copy` as the copy of `original` (a pair already recorded for `original` wins).
+    void Add(const RqNode* original, RqNode* copy);
 
 private:
-    std::unordered_map<const RqNode*, RqNode*> m_copies;
+    // Every pair, in the order of copying.
+    std::vector<std::pair<const RqNode*, RqNode*>> m_pairs;
+    // Positions of the pairs whose nodes non-owning links point at (derived columns, join
+    // nodes, lists): the lookups of a copy almost always land here, and these are few.
+    RqNodeIndexMap m_targets;
+    // Positions of every pair, made by the first lookup the small index cannot answer: a
+    // link to a node of another kind, or to a node outside the copy.
+    mutable RqNodeIndexMap m_all;
+    mutable bool m_bAllIndexed = false;
 };
 
 // The root handle of a request: holds the request's top node as its only child.
