@@ -10,17 +10,12 @@
 #include "Platform/CompatFlags.h"
 #include "Platform/ErrorMessage.h"
 #include "Query/Optimizer/RequestText/SQORTextCatalog.h"
+#include "SampleFiles.h"
 
 namespace {
 
 std::string ReadSampleCatalog() {
-    const std::filesystem::path path =
-        std::filesystem::path(__FILE__).parent_path() / "../../examples/sales.catalog";
-    std::ifstream in(path);
-    EXPECT_TRUE(in.good()) << "cannot open " << path;
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return samplefiles::ReadText(samplefiles::RepositoryRoot() / "examples/sales.catalog");
 }
 
 // Every object with its identifier and what it refers to, in repository order, so that two

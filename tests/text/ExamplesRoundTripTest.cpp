@@ -17,22 +17,11 @@
 #include "Query/Optimizer/Request/SQORRqVerifier.h"
 #include "Query/Optimizer/RequestText/SQORTextCatalog.h"
 #include "Query/Optimizer/RequestText/SQORTextRequest.h"
+#include "SampleFiles.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-// The tests read the files in place, wherever the build directory is.
-fs::path RepositoryRoot() {
-    return fs::path(__FILE__).parent_path().parent_path().parent_path();
-}
-
-std::string ReadText(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
@@ -42,14 +31,9 @@ std::vector<std::string> Lines(const std::string& text) {
     return lines;
 }
 
-// The sample catalog and a session over it, read once: every request names its tables
-// through this gateway.
-const ARpGateway& SampleGateway() {
-    static const RqCatalog catalog =
-        RqCatalogText::Read(ReadText(RepositoryRoot() / "examples/sales.catalog"), "sales.catalog");
-    static const std::unique_ptr<RpSession> session = catalog.MakeSession();
-    return *session;
-}
+using samplefiles::ReadText;
+using samplefiles::RepositoryRoot;
+using samplefiles::SampleGateway;
 
 struct RequestFile {
     std::string m_testName;  // the file's name, letters, digits and '_' only

@@ -6,7 +6,6 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <sstream>
@@ -27,26 +26,6 @@ uint64_t Rng::Next() {
     z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
     z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
     return z ^ (z >> 31);
-}
-
-namespace fs = std::filesystem;
-
-fs::path RepositoryRoot() {
-    return fs::path(__FILE__).parent_path().parent_path().parent_path();
-}
-
-std::string ReadText(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-const ARpGateway& SampleGateway() {
-    static const RqCatalog catalog =
-        RqCatalogText::Read(ReadText(RepositoryRoot() / "examples/sales.catalog"), "sales.catalog");
-    static const std::unique_ptr<RpSession> session = catalog.MakeSession();
-    return *session;
 }
 
 namespace {

@@ -5,7 +5,6 @@
 // whose results differ between standard libraries.
 
 #include <cstdint>
-#include <filesystem>
 #include <string>
 
 class ARpGateway;
@@ -37,11 +36,5 @@ RqHandleNode* RandomRequest(uint64_t seed, const ARpGateway* rp);
 // The text with one to three random edits: tokens deleted, duplicated, swapped or replaced,
 // characters deleted, random bytes or format words inserted, numbers changed, the text cut.
 std::string Mutate(const std::string& text, Rng& rng);
-
-// The repository root (the tests read the sample files in place) and a session over the
-// sample catalog, read once.
-std::filesystem::path RepositoryRoot();
-std::string ReadText(const std::filesystem::path& path);
-const ARpGateway& SampleGateway();
 
 }  // namespace textfuzz

@@ -9,6 +9,7 @@
 
 #include "Query/Optimizer/RequestText/SQORTextRequest.h"
 #include "RandomRequest.h"
+#include "SampleFiles.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ TEST(RandomRoundTrip, RandomTreesRoundTripWithAndWithoutACatalog) {
     for (uint64_t seed = 1; seed <= kTrees && failures < 3; ++seed) {
         // Odd seeds name repository objects through the sample catalog, even ones print
         // raw identifiers.
-        const ARpGateway* rp = seed % 2 == 1 ? &textfuzz::SampleGateway() : nullptr;
+        const ARpGateway* rp = seed % 2 == 1 ? &samplefiles::SampleGateway() : nullptr;
         Heap<RqHandleNode> tree(textfuzz::RandomRequest(seed, rp));
         CollectKinds(*tree, kinds);
         const std::string failure = RoundTripFailure(*tree, rp);
@@ -102,7 +103,7 @@ TEST(RandomRoundTrip, ItemsAfterANodeWithoutABodyKeepTheirMeaning) {
 // The same seed gives the same tree, so that a failure reproduces from its seed alone.
 TEST(RandomRoundTrip, GeneratorIsDeterministic) {
     for (uint64_t seed : {7u, 8u}) {
-        const ARpGateway* rp = seed % 2 == 1 ? &textfuzz::SampleGateway() : nullptr;
+        const ARpGateway* rp = seed % 2 == 1 ? &samplefiles::SampleGateway() : nullptr;
         Heap<RqHandleNode> first(textfuzz::RandomRequest(seed, rp));
         Heap<RqHandleNode> second(textfuzz::RandomRequest(seed, rp));
         EXPECT_EQ(RqTextWriter::Write(*first, rp), RqTextWriter::Write(*second, rp));

@@ -13,6 +13,7 @@
 #include "Query/Optimizer/RequestText/SQORTextCatalog.h"
 #include "Query/Optimizer/RequestText/SQORTextRequest.h"
 #include "RandomRequest.h"
+#include "SampleFiles.h"
 
 namespace {
 
@@ -79,15 +80,15 @@ TEST(TextMutation, MutatedRequestsReadOrFailAtAPosition) {
     };
     std::vector<Input> inputs;
     for (const fs::directory_entry& entry :
-         fs::directory_iterator(textfuzz::RepositoryRoot() / "examples/requests")) {
+         fs::directory_iterator(samplefiles::RepositoryRoot() / "examples/requests")) {
         if (entry.path().extension() == ".rq")
-            inputs.push_back({textfuzz::ReadText(entry.path()), &textfuzz::SampleGateway()});
+            inputs.push_back({samplefiles::ReadText(entry.path()), &samplefiles::SampleGateway()});
     }
     std::sort(inputs.begin(), inputs.end(),
               [](const Input& a, const Input& b) { return a.m_text < b.m_text; });
     ASSERT_GE(inputs.size(), 10u);
     for (uint64_t seed = 1001; seed <= 1030; ++seed) {
-        const ARpGateway* rp = seed % 2 == 1 ? &textfuzz::SampleGateway() : nullptr;
+        const ARpGateway* rp = seed % 2 == 1 ? &samplefiles::SampleGateway() : nullptr;
         Heap<RqHandleNode> tree(textfuzz::RandomRequest(seed, rp));
         inputs.push_back({RqTextWriter::Write(*tree, rp), rp});
     }
@@ -102,7 +103,7 @@ TEST(TextMutation, MutatedRequestsReadOrFailAtAPosition) {
 
 TEST(TextMutation, MutatedCatalogsReadOrFailAtAPosition) {
     const std::string sample =
-        textfuzz::ReadText(textfuzz::RepositoryRoot() / "examples/sales.catalog");
+        samplefiles::ReadText(samplefiles::RepositoryRoot() / "examples/sales.catalog");
     ASSERT_FALSE(sample.empty());
     Failures failures;
     textfuzz::Rng rng(77);

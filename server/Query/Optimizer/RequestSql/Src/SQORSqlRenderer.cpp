@@ -532,6 +532,12 @@ struct Sql {
     int m_prec = kPrecAtom;
 };
 
+// A literal whose value is text, as a quoted SQL string.
+template <class Literal>
+Sql QuotedValue(const RqExpr& expr) {
+    return Sql{SqlRenderer::QuoteText(Utf8(static_cast<const Literal&>(expr).GetValue()))};
+}
+
 std::string Operand(const Sql& sql, int minPrec) {
     return sql.m_prec < minPrec ? "(" + sql.m_text + ")" : sql.m_text;
 }
@@ -1305,18 +1311,15 @@ private:
                     Fail(SqlProblem::kNotSupported, &expr, "a number literal that is not a number");
                 return Sql{text, text[0] == '-' || text[0] == '+' ? kPrecUnary : kPrecAtom};
             }
+            // Dates and times are ISO text in SQLite, compared as text like strings.
             case kRqExprStringLiteral:
-                return Sql{SqlRenderer::QuoteText(
-                    Utf8(static_cast<const RqExprStringLiteral&>(expr).GetValue()))};
+                return QuotedValue<RqExprStringLiteral>(expr);
             case kRqExprDateLiteral:
-                return Sql{SqlRenderer::QuoteText(
-                    Utf8(static_cast<const RqExprDateLiteral&>(expr).GetValue()))};
+                return QuotedValue<RqExprDateLiteral>(expr);
             case kRqExprTimeLiteral:
-                return Sql{SqlRenderer::QuoteText(
-                    Utf8(static_cast<const RqExprTimeLiteral&>(expr).GetValue()))};
+                return QuotedValue<RqExprTimeLiteral>(expr);
             case kRqExprDateTimeLiteral:
-                return Sql{SqlRenderer::QuoteText(
-                    Utf8(static_cast<const RqExprDateTimeLiteral&>(expr).GetValue()))};
+                return QuotedValue<RqExprDateTimeLiteral>(expr);
             case kRqExprNullLiteral:
                 return Sql{"NULL"};
             case kRqExprAdd:
