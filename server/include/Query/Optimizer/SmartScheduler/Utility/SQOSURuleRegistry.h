@@ -70,8 +70,8 @@ public:
     const char* GetName() const { return m_pInfo->m_name; }
     const RuleOptionValues& GetOptions() const { return m_options; }
     RuleOptionValues& GetOptions() { return m_options; }
-    // The spec as text, options left out where they keep their defaults; it parses back to
-    // the same spec.
+    // The rule and its options as text, options left out where they keep their defaults; it
+    // parses back to the same rule and options.
     std::string ToString() const;
 
 private:
