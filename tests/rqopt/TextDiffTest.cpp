@@ -6,7 +6,7 @@
 #include <random>
 #include <sstream>
 
-#include "DidYouMean.h"
+#include "Query/Optimizer/RequestText/SQORTextSuggest.h"
 #include "TextDiff.h"
 
 namespace {

@@ -239,7 +239,7 @@ TEST(CatalogTextTest, MalformedCatalogsReportWhereAndWhat) {
     const Case cases[] = {
         {"databse D ansisql {}", 1, 1, "unknown keyword 'databse'; expected database, join"},
         {"}", 1, 1, "expected database, join, session or server, found '}'"},
-        {"database D sqlish {}", 1, 12, "unknown target type 'sqlish'"},
+        {"database D ansisq {}", 1, 12, "unknown target type 'ansisq' (did you mean 'ansisql'?)"},
         {"database D 8 {}", 1, 12, "unknown target type '8'"},
         {"database D ansisql { features default without (ORDER_BY, SORTING) }", 1, 58,
          "unknown feature 'SORTING'"},
@@ -254,7 +254,7 @@ TEST(CatalogTextTest, MalformedCatalogsReportWhereAndWhat) {
         {db + "  table T {\n    column A INTEGER\n    column A DATE\n  }\n}", 4, 12,
          "There already is a column named \"A\""},
         {db + "  table T {\n    column A INTEGER compted\n  }\n}", 3, 22,
-         "unknown column kind 'compted'"},
+         "unknown column kind 'compted' (did you mean 'computed'?)"},
         {db + "  table T {\n    column A INTEGER\n    colum B DATE\n  }\n}", 4, 5,
          "unknown keyword 'colum' in a table; expected column, key or '}'"},
         {db + "  table T {\n    column A VARCHAR(-1)\n  }\n}", 3, 22,

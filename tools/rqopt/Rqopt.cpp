@@ -15,7 +15,6 @@
 #include <sstream>
 
 #include "BuiltinCatalog.h"
-#include "DidYouMean.h"
 #include "Platform/CompatFlags.h"
 #include "Platform/ErrorMessage.h"
 #include "Platform/Repository.h"
@@ -28,6 +27,7 @@
 #include "Query/Optimizer/RequestSql/SQORSqlRenderer.h"
 #include "Query/Optimizer/RequestText/SQORTextCatalog.h"
 #include "Query/Optimizer/RequestText/SQORTextRequest.h"
+#include "Query/Optimizer/RequestText/SQORTextSuggest.h"
 #include "TextDiff.h"
 
 #ifndef RQ_VERSION

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <ostream>
 
-#include "DidYouMean.h"
 #include "Platform/ErrorMessage.h"
+#include "Query/Optimizer/RequestText/SQORTextSuggest.h"
 #include "Rqopt.h"
 
 namespace {

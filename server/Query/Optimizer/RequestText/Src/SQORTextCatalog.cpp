@@ -4,6 +4,7 @@
 // makes print, read, print a fixed point.
 
 #include "Query/Optimizer/RequestText/SQORTextCatalog.h"
+#include "Query/Optimizer/RequestText/SQORTextSuggest.h"
 
 #include <algorithm>
 #include <climits>
@@ -53,6 +54,22 @@ constexpr CardinalityName kCardinalities[] = {
     {k_Many_To_Many, "many_to_many"},
     {k_Many_To_ZeroOrOne, "many_to_zero_or_one"},
 };
+
+// Names known to the format, for suggestions when one is misspelt.
+template <class Entry, std::size_t N>
+std::vector<std::string> NamesOf(const Entry (&table)[N]) {
+    std::vector<std::string> names;
+    for (const Entry& entry : table)
+        names.emplace_back(entry.m_name);
+    return names;
+}
+
+std::vector<std::string> FeatureNames() {
+    std::vector<std::string> names;
+    for (int f = 0; f < SUFeaturesTable::kFeatureCount; ++f)
+        names.push_back(ZKToUtf8(SUFeaturesTable::Name(static_cast<FeatureId>(f))));
+    return names;
+}
 
 std::string Utf8(const ZKString& text) {
     return text.ToUtf8();
@@ -207,7 +224,8 @@ private:
         m_lex.Next();
         ServerInfo::TargetType type = ServerInfo::kUnknown;
         if (!ServerInfo::TargetTypeFromName(Wide(tok.m_text), type))
-            m_lex.Fail(tok, "unknown target type " + Quoted(tok.m_text));
+            m_lex.Fail(tok, "unknown target type " + Quoted(tok.m_text) +
+                                DidYouMean(tok.m_text, TargetTypeNames()));
         return type;
     }
 
@@ -238,7 +256,8 @@ private:
             const std::string name = m_lex.ExpectIdentifier("a feature name");
             FeatureId f{};
             if (!SUFeaturesTable::FromName(Wide(name), f))
-                m_lex.Fail(tok, "unknown feature " + Quoted(name));
+                m_lex.Fail(tok,
+                           "unknown feature " + Quoted(name) + DidYouMean(name, FeatureNames()));
             features.insert(f);
         } while (m_lex.AcceptPunct(","));
         m_lex.ExpectPunct(")");
@@ -297,7 +316,8 @@ private:
             // A word on the next line is a misspelt statement, not a kind, and is reported
             // as such by the table's loop.
             if (found == nullptr && kindTok.m_line == typeTok.m_line)
-                m_lex.Fail(kindTok, "unknown column kind " + Quoted(kindTok.m_text));
+                m_lex.Fail(kindTok, "unknown column kind " + Quoted(kindTok.m_text) +
+                                        DidYouMean(kindTok.m_text, NamesOf(kColumnKinds)));
             if (found != nullptr) {
                 kind = found->m_kind;
                 m_lex.Next();
@@ -376,7 +396,8 @@ private:
             if (card == entry.m_name)
                 found = &entry;
         if (found == nullptr)
-            m_lex.Fail(cardTok, "unknown join cardinality " + Quoted(card));
+            m_lex.Fail(cardTok, "unknown join cardinality " + Quoted(card) +
+                                    DidYouMean(card, NamesOf(kCardinalities)));
         std::string name;
         if (m_lex.AcceptWord("as"))
             name = m_lex.ExpectName("a join name");

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Query/Optimizer/Request/SQORRqNodeType.h"
 
@@ -27,6 +28,8 @@ std::string NodeKindName(RqNodeType_e kind);
 // Reads an alias, a class name without its prefix or a full class name. Only concrete
 // kinds are found; false otherwise.
 bool KindFromName(std::string_view name, RqNodeType_e& kind);
+// The names expressions print with, for suggestions when a name is misspelt.
+const std::vector<std::string>& ExprKindNames();
 
 // A node of a concrete kind with its fields at their defaults and no children (constructors
 // that make default children have them removed). Null for abstract kinds and markers.

@@ -202,6 +202,19 @@ bool KindFromName(std::string_view name, RqNodeType_e& kind) {
     return true;
 }
 
+const std::vector<std::string>& ExprKindNames() {
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> out;
+        for (int value = 0; value < kRqNodeTypeCount; ++value) {
+            const auto kind = static_cast<RqNodeType_e>(value);
+            if (RqIsNodeTypeValue(value) && RqIsExprType(kind) && !RqIsAbstractNodeType(kind))
+                out.push_back(ExprKindName(kind));
+        }
+        return out;
+    }();
+    return names;
+}
+
 RqNode* MakeBlankNode(RqNodeType_e kind) {
     switch (kind) {
 #define RQ_MAKE_G(kind, cls) \

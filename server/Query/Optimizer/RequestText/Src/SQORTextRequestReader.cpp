@@ -20,11 +20,26 @@
 #include "Platform/ZKThread.h"
 #include "Query/Optimizer/Request/SQORRqList.h"
 #include "Query/Optimizer/RequestText/SQORTextRequest.h"
+#include "Query/Optimizer/RequestText/SQORTextSuggest.h"
 #include "SQORTextRequestInternal.h"
 
 using namespace rqtext;
 
 namespace {
+
+// The repository's tables as a request names them (Database.schema.TABLE), for suggestions.
+std::vector<std::string> TableNames(const RpRepository& rp) {
+    std::vector<std::string> names;
+    for (const RefADatabase& db : rp.GetDatabases()) {
+        for (const RefATable& table : db->GetTables()) {
+            std::string name = RqTextOut::Name(db->GetName().ToUtf8()) + ".";
+            if (!table->GetSchema().empty())
+                name += RqTextOut::Name(table->GetSchema().ToUtf8()) + ".";
+            names.push_back(name + RqTextOut::Name(table->GetName().ToUtf8()));
+        }
+    }
+    return names;
+}
 
 using Owned = Heap<RqNode>;
 
@@ -299,7 +314,7 @@ private:
             table = rp.FindTableByName(db, schema.View(), ZKString::FromUtf8(parts.back()).View());
         }
         if (!table)
-            Fail(at, "unknown table " + shown);
+            Fail(at, "unknown table " + shown + DidYouMean(shown, TableNames(rp)));
         return table->GetID();
     }
 
@@ -357,7 +372,8 @@ private:
                     const std::string word = m_lex.ExpectIdentifier("a target type");
                     if (!ServerInfo::TargetTypeFromName(ZKString::FromUtf8(word).View(),
                                                         annotation.m_type))
-                        Fail(value, "unknown target type '" + word + "'");
+                        Fail(value, "unknown target type '" + word + "'" +
+                                        DidYouMean(word, TargetTypeNames()));
                 }
                 annotation.m_bHasType = true;
             } else if (name == "at") {
@@ -1276,7 +1292,8 @@ private:
     RqNodeType_e CallKind(const RqToken& at) const {
         RqNodeType_e kind = kRqInvalid;
         if (!KindFromName(at.m_text, kind))
-            Fail(at, "unknown expression '" + at.m_text + "'");
+            Fail(at,
+                 "unknown expression '" + at.m_text + "'" + DidYouMean(at.m_text, ExprKindNames()));
         if (!RqIsExprType(kind))
             Fail(at, "'" + at.m_text + "' is not an expression");
         return kind;
@@ -1508,10 +1525,15 @@ private:
             if (!table)
                 continue;
             RefAColumn column = table->FindColumn(pending.m_pColumn->GetName().View());
-            if (!column)
-                Fail(pending.m_at,
-                     "unknown column " + RqTextOut::Name(pending.m_pColumn->GetName().ToUtf8()) +
-                         " in table " + Utf8Of(MetadataUtil::GenerateQualifiedName(table)));
+            if (!column) {
+                const std::string name = pending.m_pColumn->GetName().ToUtf8();
+                std::vector<std::string> known;
+                for (const RefAColumn& candidate : table->GetColumns())
+                    known.push_back(candidate->GetName().ToUtf8());
+                Fail(pending.m_at, "unknown column " + RqTextOut::Name(name) + " in table " +
+                                       Utf8Of(MetadataUtil::GenerateQualifiedName(table)) +
+                                       DidYouMean(name, known));
+            }
             pending.m_pColumn->SetColumnID(column->GetID());
         }
     }

@@ -1,6 +1,7 @@
 #pragma once
-// Suggestions for misspelt names (rules, pipelines, options, flags): the known name nearest
-// to what was typed, when it is near enough to be a likely typo.
+// Suggestions for misspelt names (rules, options and flags on the command line; kinds,
+// target types, tables and columns in a request): the known name nearest to what was
+// typed, when it is near enough to be a likely typo.
 
 #include <cstddef>
 #include <string>
@@ -18,3 +19,6 @@ std::string ClosestName(std::string_view name, const std::vector<std::string>& c
 
 // " (did you mean 'X'?)" for the closest candidate, or empty.
 std::string DidYouMean(std::string_view name, const std::vector<std::string>& candidates);
+
+// The names of the target types (ServerInfo), the candidates when one is misspelt.
+std::vector<std::string> TargetTypeNames();

@@ -1,6 +1,9 @@
-#include "DidYouMean.h"
+#include "Query/Optimizer/RequestText/SQORTextSuggest.h"
 
 #include <algorithm>
+
+#include "Platform/ServerInfo.h"
+#include "Platform/ZKString.h"
 
 namespace {
 
@@ -49,4 +52,14 @@ std::string ClosestName(std::string_view name, const std::vector<std::string>& c
 std::string DidYouMean(std::string_view name, const std::vector<std::string>& candidates) {
     const std::string closest = ClosestName(name, candidates);
     return closest.empty() ? std::string() : " (did you mean '" + closest + "'?)";
+}
+
+std::vector<std::string> TargetTypeNames() {
+    std::vector<std::string> names;
+    for (int value = 0; value < 256; ++value) {
+        if (const wchar_t* name =
+                ServerInfo::TargetTypeName(static_cast<ServerInfo::TargetType>(value)))
+            names.push_back(ZKToUtf8(name));
+    }
+    return names;
 }
