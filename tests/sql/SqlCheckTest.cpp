@@ -2,6 +2,7 @@
 // and what cannot be compared is said so, never passed.
 
 #include <chrono>
+#include <functional>
 
 #include "SqlTestCatalog.h"
 
@@ -98,6 +99,146 @@ TEST_F(SqlCheckTest, WrongRewritesAreDifferent) {
          {"different (seed 1, 300 rows per table)", "rows only in the original (",
           "rows only in the rewritten request: none", "LEFT JOIN", "\n      JOIN"})
         EXPECT_NE(report.find(part), std::string::npos) << part << "\n" << report;
+}
+
+// Mistakes a plausible rule would make, each built as the correct tree (false) and the wrong
+// one (true): the default data and two other seeds must tell every pair apart, so the data
+// must hold NULLs in nullable columns, duplicates, rows without a partner and empty input.
+TEST_F(SqlCheckTest, WrongRewritesOfRulesAreCaughtOnEverySeed) {
+    auto custJoin = [&] { return Eq(Col(L"CUST_ID", 1), Col(L"CUST_ID", 2)); };
+    auto byRegion = [&](RqExpr* measure) {
+        return Block()
+            .Select(Col(L"REGION", 1))
+            .Select(measure)
+            .From(Orders())
+            .GroupBy({Col(L"REGION", 1)})
+            .Build();
+    };
+    auto regionsAndNames = [&] {
+        return std::pair{Block().Select(Col(L"REGION", 1)).From(Orders()).Build(),
+                         Block().Select(Col(L"NAME", 2)).From(Customers()).Build()};
+    };
+    const std::pair<const char*, std::function<RqNode*(bool)>> cases[] = {
+        {"inner join made left outer",
+         [&](bool bWrong) {
+             return OrdersJoinCustomers(bWrong ? SqlTableRef::kLeftOuterJoin
+                                               : SqlTableRef::kInnerJoin);
+         }},
+        {"left outer join made right outer",
+         [&](bool bWrong) {
+             return OrdersJoinCustomers(bWrong ? SqlTableRef::kRightOuterJoin
+                                               : SqlTableRef::kLeftOuterJoin);
+         }},
+        {"filter pushed onto the null-supplying side",
+         [&](bool bWrong) {
+             RqExpr* named = Eq(Col(L"NAME", 2), Str(L"alpha"));
+             Block block;
+             block.Select(Col(L"ORDER_ID", 1)).Select(Col(L"NAME", 2));
+             block.Join(SqlTableRef::kLeftOuterJoin, Orders(), Customers(),
+                        bWrong ? And(custJoin(), named) : custJoin());
+             if (!bWrong)
+                 block.Where(named);
+             return block.Build();
+         }},
+        {"COUNT(x) made COUNT(*)",
+         [&](bool bWrong) {
+             return byRegion(bWrong ? static_cast<RqExpr*>(CountStar()) : Count(Col(L"AMOUNT", 1)));
+         }},
+        {"AVG made SUM / COUNT(*)",
+         [&](bool bWrong) {
+             return byRegion(bWrong ? Div(Sum(Col(L"AMOUNT", 1)), CountStar())
+                                    : static_cast<RqExpr*>(Avg(Col(L"AMOUNT", 1))));
+         }},
+        {"COUNT(DISTINCT x) made COUNT(x)",
+         [&](bool bWrong) {
+             return byRegion(bWrong ? Count(Col(L"CUST_ID", 1))
+                                    : Distinct(Count(Col(L"CUST_ID", 1))));
+         }},
+        {"SUM(x) of only NULLs made SUM(IFNULL(x, 0))",
+         [&](bool bWrong) {
+             RqExpr* amount = Col(L"AMOUNT", 1);
+             if (bWrong)
+                 amount = RQ_NEW RqExprIfNull({amount, Int(0)});
+             return Block()
+                 .Select(Col(L"CUST_ID", 1))
+                 .Select(Sum(amount))
+                 .From(Orders())
+                 .GroupBy({Col(L"CUST_ID", 1)})
+                 .Build();
+         }},
+        {"COUNT(*) of no rows made SUM(1)",
+         [&](bool bWrong) {
+             return Block()
+                 .Select(bWrong ? static_cast<RqExpr*>(Sum(Int(1))) : CountStar())
+                 .From(Orders())
+                 .Where(Eq(Int(1), Int(0)))
+                 .Build();
+         }},
+        {"GROUP BY column dropped",
+         [&](bool bWrong) {
+             Block block;
+             block.Select(Col(L"REGION", 1)).Select(Sum(Col(L"AMOUNT", 1))).From(Orders());
+             if (bWrong)
+                 block.GroupBy({Col(L"REGION", 1)});
+             else
+                 block.GroupBy({Col(L"REGION", 1), Col(L"CUST_ID", 1)});
+             return block.Build();
+         }},
+        {"HAVING on an aggregate turned into a row filter",
+         [&](bool bWrong) {
+             Block block;
+             block.Select(Col(L"REGION", 1)).Select(Sum(Col(L"AMOUNT", 1))).From(Orders());
+             block.GroupBy({Col(L"REGION", 1)});
+             if (bWrong)
+                 block.Where(Gt(Col(L"AMOUNT", 1), Float(5)));
+             else
+                 block.Having(Gt(Max(Col(L"AMOUNT", 1)), Float(5)));
+             return block.Build();
+         }},
+        {"UNION ALL made UNION",
+         [&](bool bWrong) {
+             auto [regions, names] = regionsAndNames();
+             return Union({regions, names}, !bWrong);
+         }},
+        {"EXCEPT made EXCEPT ALL",
+         [&](bool bWrong) {
+             auto [regions, names] = regionsAndNames();
+             return Except({regions, names}, bWrong);
+         }},
+        {"INTERSECT ALL made INTERSECT",
+         [&](bool bWrong) {
+             auto [regions, names] = regionsAndNames();
+             return Intersect({regions, names}, !bWrong);
+         }},
+        {"NOT IN made NOT EXISTS",
+         [&](bool bWrong) {
+             RqList* ordered = Block().Select(Col(L"CUST_ID", 1)).From(Orders()).Build();
+             if (bWrong)
+                 ordered->SetDetailFilter(RQ_NEW RqDetailFilter(custJoin()));
+             RqExpr* cond = bWrong ? static_cast<RqExpr*>(Exists(ordered))
+                                   : In(Col(L"CUST_ID", 2), {Subquery(ordered)});
+             return Block().Select(Col(L"CUST_ID", 2)).From(Customers()).Where(Not(cond)).Build();
+         }},
+        {"row offset dropped",
+         [&](bool bWrong) {
+             return Block()
+                 .Select(Col(L"ORDER_ID", 1))
+                 .From(Orders())
+                 .OrderBy({{0}})
+                 .Offset(bWrong ? 0 : 3)
+                 .Limit(5)
+                 .Build();
+         }},
+    };
+    for (const auto& [name, make] : cases) {
+        Heap<RqNode> before(make(false));
+        Heap<RqNode> after(make(true));
+        for (uint64_t seed : {1, 2, 3}) {
+            const SqlCheckOutcome outcome = Check(*before, *after, seed, 1000);
+            EXPECT_EQ(outcome.m_kind, SqlCheckOutcome::kDifferent) << name << "\n"
+                                                                   << outcome.Report();
+        }
+    }
 }
 
 // Rewrites of the kind the rules make: each pair means the same rows.

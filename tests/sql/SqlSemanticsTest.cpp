@@ -261,6 +261,15 @@ TEST_F(SqlSemanticsTest, NestedJoinsAndListsThatPassRowsThrough) {
                             Eq(Col(L"CUST_ID", 1), Col(L"CUST_ID", 2)))
                       .Build()),
               Rows{"7"});
+    // Orders times (customers RIGHT JOIN orders): 5 x 5 rows, the two orders without a
+    // customer once per row of the first table, not once in all.
+    EXPECT_EQ(Bag(Block()
+                      .Select(CountStar())
+                      .From(Orders())
+                      .Join(SqlTableRef::kRightOuterJoin, Customers(), Orders(3),
+                            Eq(Col(L"CUST_ID", 2), Col(L"CUST_ID", 3)))
+                      .Build()),
+              Rows{"25"});
     // A shared list reads the rows of the list it names; a cache list those of its list.
     RqList* regions = OrderColumn(L"REGION");
     EXPECT_EQ(Bag(Union({regions, Shared(regions)}, false)), (Rows{"'N'", "'S'", "NULL"}));

@@ -298,6 +298,19 @@ std::vector<SqlRow> SqlDataGenerator::MakeRows(const ATable& table) const {
         const ValueKind kind = KindOf(column.GetDataType());
         const bool bKey = IsKeyLike(column.GetName());
         const bool bNotNull = inKey(c, false);
+        // Columns of one kind share their values but not how often each comes: the frequent
+        // values of one column are rare in another, so that a bag of one has more copies of
+        // some value than a bag of the other (EXCEPT ALL keeps rows, INTERSECT ALL drops some)
+        // even when the other is larger.
+        const uint64_t shape =
+            Random(Hash(m_options.m_seed, "shape:" + tableName + "." + column.GetName().ToUtf8()))
+                .Next();
+        const int64_t wordShift = static_cast<int64_t>(shape % 10);
+        const bool bLargeOften = (shape >> 8) % 2 == 1;
+        auto skewed = [&](int64_t n) {
+            const int64_t v = random.Skewed(n);
+            return bLargeOften ? n - 1 - v : v;
+        };
         std::vector<int64_t> distinct;
         if (inKey(c, true)) {
             distinct.resize(std::max<int64_t>(keyRange, count + count / 3 + 1));
@@ -338,20 +351,20 @@ std::vector<SqlRow> SqlDataGenerator::MakeRows(const ATable& table) const {
             }
             switch (kind) {
                 case kInteger:
-                    value = SqlValue::Integer(bKeyValue ? key : random.Skewed(12) - 2);
+                    value = SqlValue::Integer(bKeyValue ? key : skewed(12) - 2);
                     break;
                 case kBoolean:
                     value = SqlValue::Integer(random.Below(2));
                     break;
                 case kReal:
                     // Quarters are exact in binary, so sums do not depend on the order of rows.
-                    value = SqlValue::Real(bKeyValue
-                                               ? static_cast<double>(key)
-                                               : static_cast<double>(random.Skewed(40) - 6) * 0.25);
+                    value = SqlValue::Real(bKeyValue ? static_cast<double>(key)
+                                                     : static_cast<double>(skewed(40) - 6) * 0.25);
                     break;
                 case kText:
-                    value = SqlValue::Text(bKeyValue ? "K" + std::to_string(key)
-                                                     : kWords[random.Skewed(10)]);
+                    value =
+                        SqlValue::Text(bKeyValue ? "K" + std::to_string(key)
+                                                 : kWords[(random.Skewed(10) + wordShift) % 10]);
                     break;
                 case kDate:
                     value = SqlValue::Text(DateText(bKeyValue ? key : random.Skewed(90)));

@@ -1142,9 +1142,30 @@ private:
         for (const RqTableReference* reference : references)
             Register(reference, scope, aliases);
         std::vector<std::string> parts;
-        for (const RqTableReference* reference : references)
-            parts.push_back(Side(reference, scope, aliases));
+        for (const RqTableReference* reference : references) {
+            std::string part = Side(reference, scope, aliases);
+            // SQL reads "a, b RIGHT JOIN c" as "(a, b) RIGHT JOIN c": the unmatched rows of c
+            // would appear once instead of once per row of a (and even with no row of a). The
+            // member is a table of the cross product on its own.
+            if (!parts.empty() && PreservesRightSide(reference))
+                part = "(" + part + ")";
+            parts.push_back(part);
+        }
         return Join(parts, ",\n  ");
+    }
+
+    // Whether a join tree holds a right or full outer join, whose meaning changes when the
+    // tables before it in the FROM clause are joined into its left side.
+    static bool PreservesRightSide(const RqNode* side) {
+        if (side == nullptr || side->GetObjectType() != kRqTableReference)
+            return false;
+        const RqTableReference& reference = static_cast<const RqTableReference&>(*side);
+        if (reference.GetRightNode() != nullptr &&
+            (reference.GetJoinType() == SqlTableRef::kRightOuterJoin ||
+             reference.GetJoinType() == SqlTableRef::kFullOuterJoin ||
+             reference.GetJoinType() == SqlTableRef::kFullOuterStitchJoin))
+            return true;
+        return PreservesRightSide(reference.GetLeftNode());
     }
 
     void Register(const RqNode* side, Scope& scope,
