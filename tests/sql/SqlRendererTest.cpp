@@ -10,6 +10,11 @@ using rqb::Ref;
 
 class SqlRendererTest : public SqlTestCatalog {};
 
+RqExprAggr* WithCount(RqExprAggr* aggr, int64_t count) {
+    aggr->AddOperand(Int(count));
+    return aggr;
+}
+
 TEST_F(SqlRendererTest, BlockClausesOneLineEach) {
     Heap<RqHandleNode> request(
         Request(Block()
@@ -30,6 +35,56 @@ TEST_F(SqlRendererTest, BlockClausesOneLineEach) {
               "WHERE t1.\"AMOUNT\" > 2 AND t2.\"NAME\" LIKE 'O''A%'\n"
               "ORDER BY c1 DESC\n"
               "LIMIT 5 OFFSET 2");
+}
+
+// Windows run over the block's rows: their sort keys become the values of the projected
+// columns they name. A condition that reads them is tested around the statement, after every
+// window was computed; a row number checks that its order leaves no ties.
+TEST_F(SqlRendererTest, WindowAggregatesOverTheBlocksRows) {
+    Heap<RqList> grouped(
+        Block()
+            .Select(Col(L"REGION", 1))
+            .Select(Sum(Col(L"AMOUNT", 1)))
+            .Select(
+                SortedBy(Aggr<RqExprAggrRank>(Sum(Col(L"AMOUNT", 1))), {{1, RqSortSpec::kDesc}}))
+            .Select(Aggr<RqExprAggrReportSum>(Sum(Col(L"AMOUNT", 1))))
+            .From(Orders())
+            .GroupBy({Col(L"REGION", 1)})
+            .Having(Le(SortedBy(Aggr<RqExprAggrRowNum>(nullptr), {{1, RqSortSpec::kAsc}}), Int(2)))
+            .OrderBy({{2}})
+            .Build());
+    EXPECT_EQ(Sql(*grouped),
+              "SELECT c0, c1, c2, c3\n"
+              "FROM (\n"
+              "  SELECT t1.\"REGION\" AS c0, SUM(t1.\"AMOUNT\") AS c1, "
+              "RANK() OVER (ORDER BY SUM(t1.\"AMOUNT\") DESC) AS c2, "
+              "SUM(SUM(t1.\"AMOUNT\")) OVER () AS c3, "
+              "CASE WHEN COUNT(*) OVER (PARTITION BY SUM(t1.\"AMOUNT\")) > 1 THEN "
+              "rq_error('not determined: RqExprAggrRowNum over rows that tie on its sort keys') "
+              "ELSE ROW_NUMBER() OVER (ORDER BY SUM(t1.\"AMOUNT\")) END <= 2 AS rq_cond1\n"
+              "  FROM \"Shop.dw.ORDERS\" AS t1\n"
+              "  GROUP BY t1.\"REGION\"\n"
+              ")\n"
+              "WHERE rq_cond1\n"
+              "ORDER BY c2");
+    Heap<RqList> details(
+        Block()
+            .Select(Col(L"AMOUNT", 1))
+            .Select(SortedBy(Aggr<RqExprAggrRunningSum>(Col(L"AMOUNT", 1), By({Col(L"REGION", 1)})),
+                             {{0, RqSortSpec::kAsc}}))
+            .Select(WithCount(
+                SortedBy(Aggr<RqExprAggrMovingAvg>(Col(L"AMOUNT", 1)), {{0, RqSortSpec::kDesc}}),
+                3))
+            .From(Orders())
+            .Build());
+    EXPECT_EQ(Sql(*details),
+              "SELECT t1.\"AMOUNT\" AS c0, SUM(t1.\"AMOUNT\") OVER (PARTITION BY t1.\"REGION\" "
+              "ORDER BY t1.\"AMOUNT\" RANGE BETWEEN UNBOUNDED PRECEDING AND CURRENT ROW) AS c1, "
+              "CASE WHEN COUNT(*) OVER (PARTITION BY t1.\"AMOUNT\") > 1 THEN "
+              "rq_error('not determined: RqExprAggrMovingAvg over rows that tie on its sort keys') "
+              "ELSE AVG(t1.\"AMOUNT\") OVER (ORDER BY t1.\"AMOUNT\" DESC ROWS BETWEEN 2 "
+              "PRECEDING AND CURRENT ROW) END AS c2\n"
+              "FROM \"Shop.dw.ORDERS\" AS t1");
 }
 
 TEST_F(SqlRendererTest, ParenthesesOnlyWhereTheTreeNeedsThem) {
@@ -140,12 +195,26 @@ TEST_F(SqlRendererTest, RefusalsNameTheNode) {
              .Where(Eq(Col(L"REGION", 1), Param(L"r")))
              .Build(),
          SqlProblem::kNoSqlMeaning, "RqDetailFilter[2]/RqExprCondEquality[0]/RqExprParam[1]"},
-        {"rank",
+        {"rank ordered by itself",
          Block()
              .Select(SortedBy(Aggr<RqExprAggrRank>(Col(L"AMOUNT", 1)), {{0, RqSortSpec::kAsc}}))
              .From(Orders())
              .Build(),
          SqlProblem::kNotSupported, "RqDerivedColumn[0]/RqExprAggrRank[0]"},
+        {"top n",
+         Block()
+             .Select(Col(L"AMOUNT", 1))
+             .Select(SortedBy(Aggr<RqExprAggrTopN>(Col(L"AMOUNT", 1)), {{0, RqSortSpec::kDesc}}))
+             .From(Orders())
+             .Build(),
+         SqlProblem::kNotSupported, "RqDerivedColumn[1]/RqExprAggrTopN[0]"},
+        {"row number in a row condition",
+         Block()
+             .Select(Col(L"AMOUNT", 1))
+             .Join(SqlTableRef::kInnerJoin, Orders(), Customers(),
+                   Eq(SortedBy(Aggr<RqExprAggrRowNum>(nullptr), {{0, RqSortSpec::kAsc}}), Int(1)))
+             .Build(),
+         SqlProblem::kNotSupported, "RqExprAggrRowNum[0]"},
         {"sibling levels",
          Block()
              .Select(Sum(Col(L"AMOUNT", 1), By({Col(L"REGION", 1)})))

@@ -343,4 +343,136 @@ TEST_F(SqlSemanticsTest, RowLimitIsComparableOnlyWhenTheOrderDecides) {
               std::string::npos);
 }
 
+// Window aggregates run over the block's result rows: partitioned by their by-list, ordered by
+// the projected columns their sort keys name (NULL is the smallest value).
+RqExprAggr* WithCount(RqExprAggr* aggr, int64_t count) {
+    aggr->AddOperand(Int(count));
+    return aggr;
+}
+
+TEST_F(SqlSemanticsTest, WindowAggregatesOverDetailRows) {
+    // ORDER_ID, AMOUNT and one window by REGION, ordered by AMOUNT (column 1) descending.
+    auto by = [&](RqExprAggr* window) {
+        return Bag(Block()
+                       .Select(Col(L"ORDER_ID", 1))
+                       .Select(Col(L"AMOUNT", 1))
+                       .Select(window)
+                       .From(Orders())
+                       .Build());
+    };
+    auto region = [] { return By({Col(L"REGION", 1)}); };
+    auto amount = [] { return Col(L"AMOUNT", 1); };
+    const RqExprSortDependentAggr::SortKey desc{1, RqSortSpec::kDesc};
+    EXPECT_EQ(by(SortedBy(Aggr<RqExprAggrRank>(amount(), region()), {desc})),
+              (Rows{"1|5|1", "2|3|1", "3|4|2", "4|2|3", "5|NULL|1"}));
+    EXPECT_EQ(by(SortedBy(Aggr<RqExprAggrRowNum>(nullptr, region()), {desc})),
+              (Rows{"1|5|1", "2|3|1", "3|4|2", "4|2|3", "5|NULL|1"}));
+    EXPECT_EQ(by(SortedBy(Aggr<RqExprAggrPercentile>(amount(), region()), {desc})),
+              (Rows{"1|5|0", "2|3|0", "3|4|0.5", "4|2|1", "5|NULL|0"}));
+    EXPECT_EQ(by(WithCount(SortedBy(Aggr<RqExprAggrNtile>(amount(), region()), {desc}), 2)),
+              (Rows{"1|5|1", "2|3|1", "3|4|1", "4|2|2", "5|NULL|1"}));
+    EXPECT_EQ(by(SortedBy(Aggr<RqExprAggrRunningSum>(amount(), region()), {desc})),
+              (Rows{"1|5|5", "2|3|3", "3|4|9", "4|2|11", "5|NULL|NULL"}));
+    EXPECT_EQ(by(SortedBy(Aggr<RqExprAggrRunningCount>(amount(), region()), {desc})),
+              (Rows{"1|5|1", "2|3|1", "3|4|2", "4|2|3", "5|NULL|0"}));
+    EXPECT_EQ(by(SortedBy(Aggr<RqExprAggrRunningMin>(amount(), region()), {desc})),
+              (Rows{"1|5|5", "2|3|3", "3|4|4", "4|2|2", "5|NULL|NULL"}));
+    EXPECT_EQ(by(SortedBy(Aggr<RqExprAggrRunningMax>(amount(), By({})), {{1, RqSortSpec::kAsc}})),
+              (Rows{"1|5|5", "2|3|3", "3|4|4", "4|2|2", "5|NULL|NULL"}));
+    // A window of two rows: the current one and the one before it.
+    EXPECT_EQ(by(WithCount(SortedBy(Aggr<RqExprAggrMovingSum>(amount(), region()), {desc}), 2)),
+              (Rows{"1|5|5", "2|3|3", "3|4|9", "4|2|6", "5|NULL|NULL"}));
+    EXPECT_EQ(by(WithCount(SortedBy(Aggr<RqExprAggrMovingAvg>(amount(), region()), {desc}), 2)),
+              (Rows{"1|5|5", "2|3|3", "3|4|4.5", "4|2|3", "5|NULL|NULL"}));
+    // Report aggregates have no order; an absent by-list is the whole result.
+    EXPECT_EQ(by(Aggr<RqExprAggrReportSum>(amount(), region())),
+              (Rows{"1|5|11", "2|3|3", "3|4|11", "4|2|11", "5|NULL|NULL"}));
+    EXPECT_EQ(by(Aggr<RqExprAggrReportAvg>(amount())),
+              (Rows{"1|5|3.5", "2|3|3.5", "3|4|3.5", "4|2|3.5", "5|NULL|3.5"}));
+    EXPECT_EQ(by(Aggr<RqExprAggrReportCount>(nullptr)),
+              (Rows{"1|5|5", "2|3|5", "3|4|5", "4|2|5", "5|NULL|5"}));
+    EXPECT_EQ(by(Aggr<RqExprAggrReportMin>(amount(), region())),
+              (Rows{"1|5|2", "2|3|3", "3|4|2", "4|2|2", "5|NULL|NULL"}));
+    EXPECT_EQ(by(Aggr<RqExprAggrReportMax>(amount(), By({}))),
+              (Rows{"1|5|5", "2|3|5", "3|4|5", "4|2|5", "5|NULL|5"}));
+}
+
+// Ranks and running aggregates give rows tied on the sort keys one value; a row number, a
+// moving window or a tile over such rows is not determined.
+TEST_F(SqlSemanticsTest, WindowAggregatesOverTiedRows) {
+    auto byCustomer = [&](RqExprAggr* window) {
+        return Block()
+            .Select(Col(L"ORDER_ID", 1))
+            .Select(Col(L"CUST_ID", 1))
+            .Select(window)
+            .From(Orders())
+            .Build();
+    };
+    const RqExprSortDependentAggr::SortKey asc{1, RqSortSpec::kAsc};
+    EXPECT_EQ(Bag(byCustomer(SortedBy(Aggr<RqExprAggrRank>(Col(L"CUST_ID", 1)), {asc}))),
+              (Rows{"1|10|2", "2|10|2", "3|20|4", "4|NULL|1", "5|30|5"}));
+    EXPECT_EQ(Bag(byCustomer(SortedBy(Aggr<RqExprAggrRunningCount>(nullptr), {asc}))),
+              (Rows{"1|10|3", "2|10|3", "3|20|4", "4|NULL|1", "5|30|5"}));
+    EXPECT_NE(WhyNotComparable(byCustomer(SortedBy(Aggr<RqExprAggrRowNum>(nullptr), {asc})))
+                  .find("not determined"),
+              std::string::npos);
+    EXPECT_NE(
+        WhyNotComparable(
+            byCustomer(WithCount(SortedBy(Aggr<RqExprAggrMovingSum>(Col(L"AMOUNT", 1)), {asc}), 3)))
+            .find("not determined"),
+        std::string::npos);
+    // A second key that separates the tied rows makes the order total.
+    EXPECT_EQ(
+        Bag(byCustomer(SortedBy(Aggr<RqExprAggrRowNum>(nullptr), {asc, {0, RqSortSpec::kDesc}}))),
+        (Rows{"1|10|3", "2|10|2", "3|20|4", "4|NULL|1", "5|30|5"}));
+    // Ties in different partitions are no ties.
+    EXPECT_EQ(Bag(byCustomer(
+                  SortedBy(Aggr<RqExprAggrRowNum>(nullptr, By({Col(L"ORDER_ID", 1)})), {asc}))),
+              (Rows{"1|10|1", "2|10|1", "3|20|1", "4|NULL|1", "5|30|1"}));
+}
+
+// Over a grouped block, windows see one row per group; the summary conditions apply after
+// every window was computed, so a report total still counts the groups they drop.
+TEST_F(SqlSemanticsTest, WindowAggregatesOverGroups) {
+    auto grouped = [&](RqExpr* summary) {
+        Block block;
+        block.Select(Col(L"REGION", 1))
+            .Select(Sum(Col(L"AMOUNT", 1)))
+            .Select(
+                SortedBy(Aggr<RqExprAggrRank>(Sum(Col(L"AMOUNT", 1))), {{1, RqSortSpec::kDesc}}))
+            .Select(Aggr<RqExprAggrReportSum>(Sum(Col(L"AMOUNT", 1))))
+            .From(Orders())
+            .GroupBy({Col(L"REGION", 1)});
+        if (summary != nullptr)
+            block.Having(summary);
+        return Bag(block.Build());
+    };
+    EXPECT_EQ(grouped(nullptr), (Rows{"'N'|11|1|14", "'S'|3|2|14", "NULL|NULL|3|14"}));
+    EXPECT_EQ(
+        grouped(Le(SortedBy(Aggr<RqExprAggrRank>(Sum(Col(L"AMOUNT", 1))), {{1, RqSortSpec::kDesc}}),
+                   Int(1))),
+        (Rows{"'N'|11|1|14"}));
+    EXPECT_EQ(grouped(Gt(Sum(Col(L"AMOUNT", 1)), Int(5))), (Rows{"'N'|11|1|14"}));
+}
+
+TEST_F(SqlSemanticsTest, MedianAndStandardDeviation) {
+    EXPECT_EQ(Bag(Block()
+                      .Select(Col(L"REGION", 1))
+                      .Select(Aggr<RqExprAggrMedian>(Col(L"AMOUNT", 1)))
+                      .Select(Aggr<RqExprAggrStddev>(Col(L"AMOUNT", 1)))
+                      .From(Orders())
+                      .GroupBy({Col(L"REGION", 1)})
+                      .Build()),
+              (Rows{"'N'|4|1.52752523165195", "'S'|3|NULL", "NULL|NULL|NULL"}));
+    // An even count takes the mean of the middle two; DISTINCT reads each value once.
+    EXPECT_EQ(Bag(Block()
+                      .Select(Aggr<RqExprAggrMedian>(Col(L"AMOUNT", 1)))
+                      .Select(Aggr<RqExprAggrStddev>(Col(L"AMOUNT", 1)))
+                      .Select(Aggr<RqExprAggrMedian>(Col(L"CUST_ID", 1)))
+                      .Select(Distinct(Aggr<RqExprAggrMedian>(Col(L"CUST_ID", 1))))
+                      .From(Orders())
+                      .Build()),
+              (Rows{"3.5|1.29099444873581|15|20"}));
+}
+
 }  // namespace

@@ -4,7 +4,10 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <vector>
 
 #include "Query/Optimizer/RequestSql/SQORSqlRenderer.h"
 
@@ -16,6 +19,72 @@ void ErrorFunction(sqlite3_context* context, int argc, sqlite3_value** argv) {
     if (argc > 0 && sqlite3_value_type(argv[0]) != SQLITE_NULL)
         message += std::string(": ") + reinterpret_cast<const char*>(sqlite3_value_text(argv[0]));
     sqlite3_result_error(context, message.c_str(), -1);
+}
+
+// The median of the non-NULL values of a group. The values live in a vector owned through
+// the aggregate context, which SQLite hands to the final call even when a statement fails.
+void MedianStep(sqlite3_context* context, int, sqlite3_value** argv) {
+    auto** values = static_cast<std::vector<double>**>(
+        sqlite3_aggregate_context(context, sizeof(std::vector<double>*)));
+    if (values == nullptr) {
+        sqlite3_result_error_nomem(context);
+        return;
+    }
+    if (sqlite3_value_type(argv[0]) == SQLITE_NULL)
+        return;
+    if (*values == nullptr)
+        *values = new std::vector<double>();
+    (*values)->push_back(sqlite3_value_double(argv[0]));
+}
+
+void MedianFinal(sqlite3_context* context) {
+    auto** values = static_cast<std::vector<double>**>(sqlite3_aggregate_context(context, 0));
+    if (values == nullptr || *values == nullptr || (*values)->empty()) {
+        sqlite3_result_null(context);
+    } else {
+        std::vector<double>& v = **values;
+        const size_t middle = v.size() / 2;
+        std::nth_element(v.begin(), v.begin() + middle, v.end());
+        double median = v[middle];
+        if (v.size() % 2 == 0)
+            median = (median + *std::max_element(v.begin(), v.begin() + middle)) / 2;
+        sqlite3_result_double(context, median);
+    }
+    if (values != nullptr)
+        delete *values;
+}
+
+// The sample standard deviation of the non-NULL values (Welford's running form, which keeps
+// its precision on values far from zero); NULL for fewer than two values.
+struct StddevState {
+    int64_t m_count;
+    double m_mean;
+    double m_squares;
+};
+
+void StddevStep(sqlite3_context* context, int, sqlite3_value** argv) {
+    auto* state =
+        static_cast<StddevState*>(sqlite3_aggregate_context(context, sizeof(StddevState)));
+    if (state == nullptr) {
+        sqlite3_result_error_nomem(context);
+        return;
+    }
+    if (sqlite3_value_type(argv[0]) == SQLITE_NULL)
+        return;
+    const double x = sqlite3_value_double(argv[0]);
+    ++state->m_count;
+    const double delta = x - state->m_mean;
+    state->m_mean += delta / static_cast<double>(state->m_count);
+    state->m_squares += delta * (x - state->m_mean);
+}
+
+void StddevFinal(sqlite3_context* context) {
+    auto* state = static_cast<StddevState*>(sqlite3_aggregate_context(context, 0));
+    if (state == nullptr || state->m_count < 2)
+        sqlite3_result_null(context);
+    else
+        sqlite3_result_double(
+            context, std::sqrt(state->m_squares / static_cast<double>(state->m_count - 1)));
 }
 
 // Finalizes a statement however the function that prepared it leaves.
@@ -84,6 +153,10 @@ SqlDatabase::SqlDatabase() {
     }
     sqlite3_create_function(m_pDb, kSqlErrorFunction, 1, SQLITE_UTF8, nullptr, ErrorFunction,
                             nullptr, nullptr);
+    sqlite3_create_function(m_pDb, kSqlMedianFunction, 1, SQLITE_UTF8, nullptr, nullptr, MedianStep,
+                            MedianFinal);
+    sqlite3_create_function(m_pDb, kSqlStddevFunction, 1, SQLITE_UTF8, nullptr, nullptr, StddevStep,
+                            StddevFinal);
     sqlite3_progress_handler(m_pDb, 10000, &SqlDatabase::Progress, this);
     // LIKE is case-sensitive in the meaning of a request, as in standard SQL.
     std::string error;

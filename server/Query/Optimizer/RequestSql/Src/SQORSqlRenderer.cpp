@@ -113,16 +113,51 @@ bool ContainsAggr(const RqExpr* expr) {
     return false;
 }
 
-// The outermost aggregates of an expression, in pre-order.
+// Rank, row number, running, moving and report aggregates are computed over the block's
+// result rows, after its grouping: window functions, not aggregates of detail rows. Their
+// operands are values of a result row like any projected expression.
+bool IsWindowAggr(const RqExpr* expr) {
+    if (expr == nullptr || !expr->IsAggr())
+        return false;
+    const auto& aggr = static_cast<const RqExprAggr&>(*expr);
+    return aggr.IsSortDependent() || aggr.IsKindOf(kRqExprAggrReport);
+}
+
+bool ContainsWindowAggr(const RqExpr* expr) {
+    if (expr == nullptr)
+        return false;
+    if (IsWindowAggr(expr))
+        return true;
+    for (int i = 0; i < expr->GetNumOperands(); ++i) {
+        if (ContainsWindowAggr(expr->GetIthOperand(i)))
+            return true;
+    }
+    return false;
+}
+
+// The outermost aggregates of detail rows in an expression, in pre-order, looking through
+// window aggregates (whose measures may hold them).
 void CollectAggrs(const RqExpr* expr, std::vector<const RqExprAggr*>& out) {
     if (expr == nullptr)
         return;
-    if (expr->IsAggr()) {
+    if (expr->IsAggr() && !IsWindowAggr(expr)) {
         out.push_back(static_cast<const RqExprAggr*>(expr));
         return;
     }
     for (int i = 0; i < expr->GetNumOperands(); ++i)
         CollectAggrs(expr->GetIthOperand(i), out);
+}
+
+// The outermost window aggregates of an expression.
+void CollectWindowAggrs(const RqExpr* expr, std::vector<const RqExprAggr*>& out) {
+    if (expr == nullptr)
+        return;
+    if (IsWindowAggr(expr)) {
+        out.push_back(static_cast<const RqExprAggr*>(expr));
+        return;
+    }
+    for (int i = 0; i < expr->GetNumOperands(); ++i)
+        CollectWindowAggrs(expr->GetIthOperand(i), out);
 }
 
 // A subquery reads the row of the block that holds it when a column inside it names a table
@@ -154,8 +189,16 @@ bool SubqueryReadsScope(const RqExpr& subquery, const Scope& scope) {
 // The expression reads a value of the current row outside any aggregate: a column, a
 // reference, a subquery that reads the block's row, or any other leaf that is not constant.
 bool ReadsRowOutsideAggr(const RqExpr* expr, const Scope& scope) {
-    if (expr == nullptr || expr->IsAggr() || expr->IsConstant())
+    if (expr == nullptr || expr->IsConstant() || (expr->IsAggr() && !IsWindowAggr(expr)))
         return false;
+    if (IsWindowAggr(expr)) {
+        // A row number reads no value at all; otherwise its operands decide.
+        for (int i = 0; i < expr->GetNumOperands(); ++i) {
+            if (ReadsRowOutsideAggr(expr->GetIthOperand(i), scope))
+                return true;
+        }
+        return false;
+    }
     if (expr->IsKindOf(kRqExprSubquery))
         return SubqueryReadsScope(*expr, scope);
     bool bAnyOperand = false;
@@ -211,8 +254,16 @@ ExprList GroupingMembers(const RqExprColumnListOrdered* list) {
 
 // The first sub-expression outside aggregates that the grain does not determine, or null.
 const RqExpr* FindUndetermined(const RqExpr* expr, const ExprList& grain, const Scope& scope) {
-    if (expr == nullptr || expr->IsAggr() || expr->IsConstant() || HasEquivalent(grain, *expr))
+    if (expr == nullptr || (expr->IsAggr() && !IsWindowAggr(expr)) || expr->IsConstant() ||
+        HasEquivalent(grain, *expr))
         return nullptr;
+    if (IsWindowAggr(expr)) {
+        for (int i = 0; i < expr->GetNumOperands(); ++i) {
+            if (const RqExpr* found = FindUndetermined(expr->GetIthOperand(i), grain, scope))
+                return found;
+        }
+        return nullptr;
+    }
     if (expr->IsKindOf(kRqExprSubquery))
         return SubqueryReadsScope(*expr, scope) ? expr : nullptr;
     bool bAnyOperand = false;
@@ -512,6 +563,10 @@ struct ExprEnv {
     bool m_bInlineAggr = false;
     // Why an aggregate cannot stand here, when it cannot.
     const char* m_pNoAggrReason = "an aggregate where the block computes none";
+    // The block whose result rows window aggregates run over (their sort keys name its
+    // projection); null where none can stand (conditions on detail rows, other aggregates,
+    // another window's operands).
+    const RqList* m_pWindowBlock = nullptr;
 };
 
 // Binding strength of an SQL expression, to parenthesize only where needed.
@@ -842,6 +897,13 @@ private:
             CollectAggrs(cond, aggrs);
         for (const RqExprAggr* aggr : aggrs)
             CheckAggregate(*aggr);
+        std::vector<const RqExprAggr*> windows;
+        for (const RqExpr* expr : columns)
+            CollectWindowAggrs(expr, windows);
+        for (const RqExpr* cond : summaryConds)
+            CollectWindowAggrs(cond, windows);
+        for (const RqExprAggr* window : windows)
+            CheckWindowAggr(*window);
 
         // The grain: the GROUP BY, or the lowest level of the projection.
         const RqGroupBy* groupBy = block.GetGroupBy();
@@ -932,13 +994,31 @@ private:
         env.m_pScope = &scope;
         env.m_pAggrValues = &aggrValues;
         env.m_bInlineAggr = !bDetails;
+        env.m_pWindowBlock = &block;
 
+        // Windows run over the rows before the summary conditions (which may read them), and
+        // SQL evaluates windows after WHERE and HAVING: the conditions then become columns of
+        // the statement, tested by an outer one.
+        const bool bWrapped = !windows.empty() && !summaryConds.empty();
         std::vector<std::string> items;
         for (int i = 0; i < projection->GetNumColumns(); ++i)
             items.push_back(Expr(*columns[i], env).m_text + " AS " +
                             SqlRenderer::GetColumnName(block, i));
+        std::vector<std::string> outerItems;
+        std::vector<std::string> outerWhere;
+        if (bWrapped) {
+            for (int i = 0; i < projection->GetNumColumns(); ++i)
+                outerItems.push_back(SqlRenderer::GetColumnName(block, i));
+            for (size_t i = 0; i < summaryConds.size(); ++i) {
+                const std::string name = "rq_cond" + std::to_string(i + 1);
+                items.push_back(Expr(*summaryConds[i], env).m_text + " AS " + name);
+                outerWhere.push_back(name);
+            }
+            summaryConds.clear();
+        }
         std::string sql =
-            std::string(block.IsDistinct() ? "SELECT DISTINCT " : "SELECT ") + Join(items, ", ");
+            std::string(block.IsDistinct() && !bWrapped ? "SELECT DISTINCT " : "SELECT ") +
+            Join(items, ", ");
         if (joinSpec != nullptr)
             sql += "\nFROM " + from + joins;
 
@@ -978,6 +1058,11 @@ private:
             if (!having.empty())
                 sql += "\nHAVING " + Join(having, " AND ");
         }
+        if (bWrapped) {
+            sql = std::string(block.IsDistinct() ? "SELECT DISTINCT " : "SELECT ") +
+                  Join(outerItems, ", ") + "\nFROM (\n" + Indent(sql) + "\n)\nWHERE " +
+                  Join(outerWhere, " AND ");
+        }
 
         if (block.GetOrderBy() != nullptr) {
             const std::vector<SqlSortKey> keys = Order(block);
@@ -1015,6 +1100,8 @@ private:
             case kRqExprAggrAvg:
             case kRqExprAggrMin:
             case kRqExprAggrMax:
+            case kRqExprAggrMedian:
+            case kRqExprAggrStddev:
                 if (aggr.GetMeasure() == nullptr)
                     Fail(SqlProblem::kMalformed, &aggr, "an aggregate without a measure");
                 break;
@@ -1054,12 +1141,200 @@ private:
             case kRqExprAggrMin:
                 name = "MIN";
                 break;
+            case kRqExprAggrMedian:
+                name = kSqlMedianFunction;
+                break;
+            case kRqExprAggrStddev:
+                name = kSqlStddevFunction;
+                break;
             default:
                 name = "MAX";
                 break;
         }
         return std::string(name) + "(" + (aggr.IsDistinctAggregation() ? "DISTINCT " : "") +
                Expr(*aggr.GetMeasure(), measureEnv).m_text + ")";
+    }
+
+    // ---- Window aggregates -----------------------------------------------------------------
+
+    // The window aggregates this page gives a SQL meaning to, and the parts they may carry.
+    void CheckWindowAggr(const RqExprAggr& aggr) {
+        const RqNodeType_e kind = aggr.GetObjectType();
+        int numParameters = 0;
+        bool bNeedsMeasure = false;
+        switch (kind) {
+            case kRqExprAggrRank:
+            case kRqExprAggrPercentile:
+            case kRqExprAggrRowNum:
+            case kRqExprAggrRunningCount:
+            case kRqExprAggrReportCount:
+                break;
+            case kRqExprAggrNtile:
+                numParameters = 1;
+                break;
+            case kRqExprAggrRunningSum:
+            case kRqExprAggrRunningMin:
+            case kRqExprAggrRunningMax:
+            case kRqExprAggrReportSum:
+            case kRqExprAggrReportMin:
+            case kRqExprAggrReportMax:
+            case kRqExprAggrReportAvg:
+                bNeedsMeasure = true;
+                break;
+            case kRqExprAggrMovingAvg:
+            case kRqExprAggrMovingSum:
+                bNeedsMeasure = true;
+                numParameters = 1;
+                break;
+            default:
+                // Top and bottom N keep only some of the block's rows, which a value per row
+                // does not say; the bare report aggregate names no function.
+                Fail(SqlProblem::kNotSupported, &aggr,
+                     "aggregate " + KindName(&aggr) + " is not rendered");
+        }
+        if (bNeedsMeasure && aggr.GetMeasure() == nullptr)
+            Fail(SqlProblem::kMalformed, &aggr, "an aggregate without a measure");
+        if (aggr.GetNumParameters() != numParameters)
+            Fail(SqlProblem::kNotSupported, &aggr,
+                 KindName(&aggr) + " with " + std::to_string(aggr.GetNumParameters()) +
+                     " parameters");
+        if (numParameters == 1) {
+            const RqExpr* count = aggr.GetIthParameter(0);
+            if (count == nullptr || count->GetObjectType() != kRqExprIntegerLiteral ||
+                static_cast<const RqExprIntegerLiteral*>(count)->GetValue() < 1)
+                Fail(SqlProblem::kNotSupported, count != nullptr ? count : &aggr,
+                     "a row count of " + KindName(&aggr) + " that is not a positive integer");
+        }
+        const RqExprColumnList* computeBreak = aggr.GetComputeBreak();
+        if (computeBreak != nullptr && computeBreak->GetNumColumns() > 0)
+            Fail(SqlProblem::kNoSqlMeaning, &aggr, "a compute break on " + KindName(&aggr));
+        // SQLite has no DISTINCT window functions.
+        if (aggr.IsDistinctAggregation())
+            Fail(SqlProblem::kNotSupported, &aggr, "a DISTINCT " + KindName(&aggr));
+        if (aggr.IsSortDependent() &&
+            static_cast<const RqExprSortDependentAggr&>(aggr).GetSortSpec().empty())
+            Fail(SqlProblem::kNotSupported, &aggr,
+                 KindName(&aggr) + " without sort keys: no order is given");
+    }
+
+    // A window function over the result rows of env's block: partitioned by the by-list,
+    // ordered by the sort keys (the values of the projected columns they name).
+    std::string WindowCall(const RqExprAggr& aggr, const ExprEnv& env) {
+        if (env.m_pWindowBlock == nullptr)
+            Fail(SqlProblem::kNotSupported, &aggr,
+                 KindName(&aggr) + " where the block's result rows are not at hand");
+        CheckWindowAggr(aggr);
+        const RqList& block = *env.m_pWindowBlock;
+        ExprEnv inner = env;
+        inner.m_pWindowBlock = nullptr;
+
+        std::vector<std::string> partition;
+        for (const RqExpr* member : GroupingMembers(aggr.GetByList()))
+            partition.push_back(Expr(*member, inner).m_text);
+        std::vector<std::string> order;
+        std::vector<std::string> orderValues;
+        if (aggr.IsSortDependent()) {
+            const RqProjection& projection = *block.GetProjection();
+            for (const auto& key :
+                 static_cast<const RqExprSortDependentAggr&>(aggr).GetSortSpec()) {
+                const RqDerivedColumn* column = nullptr;
+                for (int i = 0; i < projection.GetNumColumns() && column == nullptr; ++i) {
+                    if (projection.GetIthColumn(i)->GetColumnNum() == key.m_columnNumber)
+                        column = projection.GetIthColumn(i);
+                }
+                if (column == nullptr)
+                    Fail(SqlProblem::kMalformed, &aggr,
+                         "a sort key names column " + std::to_string(key.m_columnNumber) +
+                             ", which the block does not project");
+                if (ContainsWindowAggr(column->GetExpr()))
+                    Fail(SqlProblem::kNotSupported, &aggr,
+                         "a sort key naming a column computed by a window");
+                const std::string value = Expr(*column->GetExpr(), inner).m_text;
+                orderValues.push_back(value);
+                order.push_back(value + (key.m_direction == RqSortSpec::kDesc ? " DESC" : ""));
+            }
+        }
+        std::string spec;
+        if (!partition.empty())
+            spec = "PARTITION BY " + Join(partition, ", ");
+        if (!order.empty())
+            spec += std::string(spec.empty() ? "" : " ") + "ORDER BY " + Join(order, ", ");
+        auto over = [&](const std::string& frame) {
+            return " OVER (" + spec + (frame.empty() || spec.empty() ? "" : " ") + frame + ")";
+        };
+        auto measure = [&] { return Expr(*aggr.GetMeasure(), inner).m_text; };
+        auto countArg = [&] { return aggr.GetMeasure() != nullptr ? measure() : std::string("*"); };
+        auto parameter = [&] {
+            return static_cast<const RqExprIntegerLiteral*>(aggr.GetIthParameter(0))->GetValue();
+        };
+        // Running aggregates take every row up to the current one and its peers: rows tied on
+        // the sort keys get one value, whatever order the engine puts them in.
+        const std::string running = "RANGE BETWEEN UNBOUNDED PRECEDING AND CURRENT ROW";
+        bool bNeedsTotalOrder = false;
+        std::string call;
+        switch (aggr.GetObjectType()) {
+            case kRqExprAggrRank:
+                call = "RANK()" + over("");
+                break;
+            case kRqExprAggrPercentile:
+                call = "PERCENT_RANK()" + over("");
+                break;
+            case kRqExprAggrRowNum:
+                call = "ROW_NUMBER()" + over("");
+                bNeedsTotalOrder = true;
+                break;
+            case kRqExprAggrNtile:
+                call = "NTILE(" + std::to_string(parameter()) + ")" + over("");
+                bNeedsTotalOrder = true;
+                break;
+            case kRqExprAggrRunningSum:
+                call = "SUM(" + measure() + ")" + over(running);
+                break;
+            case kRqExprAggrRunningCount:
+                call = "COUNT(" + countArg() + ")" + over(running);
+                break;
+            case kRqExprAggrRunningMin:
+                call = "MIN(" + measure() + ")" + over(running);
+                break;
+            case kRqExprAggrRunningMax:
+                call = "MAX(" + measure() + ")" + over(running);
+                break;
+            case kRqExprAggrMovingAvg:
+            case kRqExprAggrMovingSum:
+                call = std::string(aggr.GetObjectType() == kRqExprAggrMovingAvg ? "AVG(" : "SUM(") +
+                       measure() + ")" +
+                       over("ROWS BETWEEN " + std::to_string(parameter() - 1) +
+                            " PRECEDING AND CURRENT ROW");
+                bNeedsTotalOrder = true;
+                break;
+            case kRqExprAggrReportSum:
+                call = "SUM(" + measure() + ")" + over("");
+                break;
+            case kRqExprAggrReportCount:
+                call = "COUNT(" + countArg() + ")" + over("");
+                break;
+            case kRqExprAggrReportMin:
+                call = "MIN(" + measure() + ")" + over("");
+                break;
+            case kRqExprAggrReportMax:
+                call = "MAX(" + measure() + ")" + over("");
+                break;
+            default:
+                call = "AVG(" + measure() + ")" + over("");
+                break;
+        }
+        if (!bNeedsTotalOrder)
+            return call;
+        // Rows tied on every sort key within a partition get their numbers (buckets, windows
+        // of rows) in an order nothing decides: such a result is not determined, and the
+        // statement fails rather than pick one.
+        std::vector<std::string> peers = partition;
+        peers.insert(peers.end(), orderValues.begin(), orderValues.end());
+        return "CASE WHEN COUNT(*) OVER (PARTITION BY " + Join(peers, ", ") + ") > 1 THEN " +
+               kSqlErrorFunction + "(" +
+               SqlRenderer::QuoteText("not determined: " + KindName(&aggr) +
+                                      " over rows that tie on its sort keys") +
+               ") ELSE " + call + " END";
     }
 
     // A helper table that computes aggregates at `level` over the block's detail rows, joined
@@ -1481,6 +1756,8 @@ private:
     }
 
     Sql Aggregate(const RqExprAggr& aggr, const ExprEnv& env) {
+        if (IsWindowAggr(&aggr))
+            return Sql{WindowCall(aggr, env)};
         if (env.m_pAggrValues != nullptr) {
             auto found = env.m_pAggrValues->find(&aggr);
             if (found != env.m_pAggrValues->end())

@@ -91,3 +91,8 @@ public:
 // The function a rendered statement calls to fail on purpose (a scalar subquery with more
 // than one row); the check's database defines it. Its message starts with this name.
 inline constexpr const char* kSqlErrorFunction = "rq_error";
+// The aggregates SQLite lacks, which the check's database defines: the median of the non-NULL
+// values (the mean of the middle two for an even count) and their sample standard deviation
+// (NULL for fewer than two values).
+inline constexpr const char* kSqlMedianFunction = "rq_median";
+inline constexpr const char* kSqlStddevFunction = "rq_stddev";
