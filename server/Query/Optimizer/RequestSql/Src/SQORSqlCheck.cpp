@@ -14,16 +14,6 @@
 
 namespace {
 
-std::string Indented(const std::string& text, const std::string& pad) {
-    std::string out = pad;
-    for (char c : text) {
-        out += c;
-        if (c == '\n')
-            out += pad;
-    }
-    return out;
-}
-
 std::string Where(const RqNode& node) {
     return RqNodeUtility::GetPath(&node).ToUtf8();
 }
@@ -230,8 +220,8 @@ std::string SqlCheckOutcome::Report() const {
     };
     rows("rows only in the original", m_onlyBefore, m_onlyBeforeCount);
     rows("rows only in the rewritten request", m_onlyAfter, m_onlyAfterCount);
-    out += "  original SQL:\n" + Indented(m_beforeSql, "    ") + "\n";
-    out += "  rewritten SQL:\n" + Indented(m_afterSql, "    ") + "\n";
+    out += "  original SQL:\n" + SqlRenderer::IndentLines(m_beforeSql, "    ") + "\n";
+    out += "  rewritten SQL:\n" + SqlRenderer::IndentLines(m_afterSql, "    ") + "\n";
     return out;
 }
 
@@ -345,7 +335,7 @@ std::string SqlCheckSession::CheckLimit(const RqAbstractList& list) {
         order += (order.empty() ? "ORDER BY " : ", ") + SqlRenderer::GetOrderTerm(list, key);
     // Rows tied on every sort key share a rank; the rank is the position of the tie's first row.
     const std::string sql = "SELECT *, RANK() OVER (" + order + ") AS rq_rank\nFROM (\n" +
-                            Indented(rendered.m_sql, "  ") + "\n)";
+                            SqlRenderer::IndentLines(rendered.m_sql, "  ") + "\n)";
     SqlRows rows;
     std::string error;
     if (!m_pDb->Query(sql, rows, error))
@@ -394,10 +384,10 @@ std::string SqlCheckSession::CheckBreakFilter(const RqBreakFilter& filter) {
                   SqlRenderer::GetOrderTerm(*inner, keys[k]);
     // Per break value, the distinct rows that come first in the inner order: more than one
     // means the break filter could keep either.
-    std::string sql = "SELECT COUNT(*)\nFROM (\n  SELECT DISTINCT " + all +
-                      "\n  FROM (\n    SELECT *, RANK() OVER (" + window +
-                      ") AS rq_rank\n    FROM (\n" + Indented(rendered.m_sql, "      ") +
-                      "\n    )\n  )\n  WHERE rq_rank = 1\n)";
+    std::string sql =
+        "SELECT COUNT(*)\nFROM (\n  SELECT DISTINCT " + all +
+        "\n  FROM (\n    SELECT *, RANK() OVER (" + window + ") AS rq_rank\n    FROM (\n" +
+        SqlRenderer::IndentLines(rendered.m_sql, "      ") + "\n    )\n  )\n  WHERE rq_rank = 1\n)";
     if (!breaks.empty())
         sql += "\nGROUP BY " + breaks;
     SqlRows rows;

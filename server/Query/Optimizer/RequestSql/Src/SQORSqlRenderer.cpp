@@ -43,14 +43,7 @@ std::string Utf8(const ZKString& text) {
 
 // Prefixes every line of `text` with `spaces` blanks.
 std::string Indent(const std::string& text, int spaces = 2) {
-    const std::string pad(spaces, ' ');
-    std::string out = pad;
-    for (char c : text) {
-        out += c;
-        if (c == '\n')
-            out += pad;
-    }
-    return out;
+    return SqlRenderer::IndentLines(text, std::string(spaces, ' '));
 }
 
 std::string Join(const std::vector<std::string>& parts, const char* separator) {
@@ -581,6 +574,52 @@ enum Precedence {
     kPrecUnary = 90,
     kPrecAtom = 100,
 };
+
+// How each window aggregate is written: the SQL function, what it is applied to, its
+// frame, and whether rows tied on the sort keys would leave its value undetermined.
+struct WindowForm {
+    enum Argument { kNoArgument, kMeasure, kMeasureOrStar, kCountParameter };
+    enum Frame { kWholePartition, kUpToPeers, kLastRows };
+    RqNodeType_e m_kind;
+    const char* m_function;
+    Argument m_argument;
+    Frame m_frame;
+    bool m_bNeedsTotalOrder;
+};
+
+constexpr WindowForm kWindowForms[] = {
+    {kRqExprAggrRank, "RANK", WindowForm::kNoArgument, WindowForm::kWholePartition, false},
+    {kRqExprAggrPercentile, "PERCENT_RANK", WindowForm::kNoArgument, WindowForm::kWholePartition,
+     false},
+    {kRqExprAggrRowNum, "ROW_NUMBER", WindowForm::kNoArgument, WindowForm::kWholePartition, true},
+    {kRqExprAggrNtile, "NTILE", WindowForm::kCountParameter, WindowForm::kWholePartition, true},
+    {kRqExprAggrRunningSum, "SUM", WindowForm::kMeasure, WindowForm::kUpToPeers, false},
+    {kRqExprAggrRunningCount, "COUNT", WindowForm::kMeasureOrStar, WindowForm::kUpToPeers, false},
+    {kRqExprAggrRunningMin, "MIN", WindowForm::kMeasure, WindowForm::kUpToPeers, false},
+    {kRqExprAggrRunningMax, "MAX", WindowForm::kMeasure, WindowForm::kUpToPeers, false},
+    {kRqExprAggrMovingSum, "SUM", WindowForm::kMeasure, WindowForm::kLastRows, true},
+    {kRqExprAggrMovingAvg, "AVG", WindowForm::kMeasure, WindowForm::kLastRows, true},
+    {kRqExprAggrReportSum, "SUM", WindowForm::kMeasure, WindowForm::kWholePartition, false},
+    {kRqExprAggrReportCount, "COUNT", WindowForm::kMeasureOrStar, WindowForm::kWholePartition,
+     false},
+    {kRqExprAggrReportMin, "MIN", WindowForm::kMeasure, WindowForm::kWholePartition, false},
+    {kRqExprAggrReportMax, "MAX", WindowForm::kMeasure, WindowForm::kWholePartition, false},
+    {kRqExprAggrReportAvg, "AVG", WindowForm::kMeasure, WindowForm::kWholePartition, false},
+};
+
+const WindowForm* FindWindowForm(RqNodeType_e kind) {
+    for (const WindowForm& form : kWindowForms) {
+        if (form.m_kind == kind)
+            return &form;
+    }
+    return nullptr;
+}
+
+// The count parameter of NTILE and of the moving aggregates (checked to be an integer
+// literal before rendering).
+int64_t WindowParameter(const RqExprAggr& aggr) {
+    return static_cast<const RqExprIntegerLiteral*>(aggr.GetIthParameter(0))->GetValue();
+}
 
 struct Sql {
     std::string m_text;
@@ -1159,39 +1198,18 @@ private:
 
     // The window aggregates this page gives a SQL meaning to, and the parts they may carry.
     void CheckWindowAggr(const RqExprAggr& aggr) {
-        const RqNodeType_e kind = aggr.GetObjectType();
-        int numParameters = 0;
-        bool bNeedsMeasure = false;
-        switch (kind) {
-            case kRqExprAggrRank:
-            case kRqExprAggrPercentile:
-            case kRqExprAggrRowNum:
-            case kRqExprAggrRunningCount:
-            case kRqExprAggrReportCount:
-                break;
-            case kRqExprAggrNtile:
-                numParameters = 1;
-                break;
-            case kRqExprAggrRunningSum:
-            case kRqExprAggrRunningMin:
-            case kRqExprAggrRunningMax:
-            case kRqExprAggrReportSum:
-            case kRqExprAggrReportMin:
-            case kRqExprAggrReportMax:
-            case kRqExprAggrReportAvg:
-                bNeedsMeasure = true;
-                break;
-            case kRqExprAggrMovingAvg:
-            case kRqExprAggrMovingSum:
-                bNeedsMeasure = true;
-                numParameters = 1;
-                break;
-            default:
-                // Top and bottom N keep only some of the block's rows, which a value per row
-                // does not say; the bare report aggregate names no function.
-                Fail(SqlProblem::kNotSupported, &aggr,
-                     "aggregate " + KindName(&aggr) + " is not rendered");
+        const WindowForm* form = FindWindowForm(aggr.GetObjectType());
+        if (form == nullptr) {
+            // Top and bottom N keep only some of the block's rows, which a value per row does
+            // not say; the bare report aggregate names no function.
+            Fail(SqlProblem::kNotSupported, &aggr,
+                 "aggregate " + KindName(&aggr) + " is not rendered");
         }
+        const bool bNeedsMeasure = form->m_argument == WindowForm::kMeasure;
+        const int numParameters = form->m_argument == WindowForm::kCountParameter ||
+                                          form->m_frame == WindowForm::kLastRows
+                                      ? 1
+                                      : 0;
         if (bNeedsMeasure && aggr.GetMeasure() == nullptr)
             Fail(SqlProblem::kMalformed, &aggr, "an aggregate without a measure");
         if (aggr.GetNumParameters() != numParameters)
@@ -1259,70 +1277,40 @@ private:
             spec = "PARTITION BY " + Join(partition, ", ");
         if (!order.empty())
             spec += std::string(spec.empty() ? "" : " ") + "ORDER BY " + Join(order, ", ");
-        auto over = [&](const std::string& frame) {
-            return " OVER (" + spec + (frame.empty() || spec.empty() ? "" : " ") + frame + ")";
-        };
-        auto measure = [&] { return Expr(*aggr.GetMeasure(), inner).m_text; };
-        auto countArg = [&] { return aggr.GetMeasure() != nullptr ? measure() : std::string("*"); };
-        auto parameter = [&] {
-            return static_cast<const RqExprIntegerLiteral*>(aggr.GetIthParameter(0))->GetValue();
-        };
-        // Running aggregates take every row up to the current one and its peers: rows tied on
-        // the sort keys get one value, whatever order the engine puts them in.
-        const std::string running = "RANGE BETWEEN UNBOUNDED PRECEDING AND CURRENT ROW";
-        bool bNeedsTotalOrder = false;
-        std::string call;
-        switch (aggr.GetObjectType()) {
-            case kRqExprAggrRank:
-                call = "RANK()" + over("");
+        const WindowForm* form = FindWindowForm(aggr.GetObjectType());
+        ZK_ASSERT(form != nullptr);
+        std::string argument;
+        switch (form->m_argument) {
+            case WindowForm::kNoArgument:
                 break;
-            case kRqExprAggrPercentile:
-                call = "PERCENT_RANK()" + over("");
+            case WindowForm::kMeasure:
+                argument = Expr(*aggr.GetMeasure(), inner).m_text;
                 break;
-            case kRqExprAggrRowNum:
-                call = "ROW_NUMBER()" + over("");
-                bNeedsTotalOrder = true;
+            case WindowForm::kMeasureOrStar:
+                argument = aggr.GetMeasure() != nullptr ? Expr(*aggr.GetMeasure(), inner).m_text
+                                                        : std::string("*");
                 break;
-            case kRqExprAggrNtile:
-                call = "NTILE(" + std::to_string(parameter()) + ")" + over("");
-                bNeedsTotalOrder = true;
-                break;
-            case kRqExprAggrRunningSum:
-                call = "SUM(" + measure() + ")" + over(running);
-                break;
-            case kRqExprAggrRunningCount:
-                call = "COUNT(" + countArg() + ")" + over(running);
-                break;
-            case kRqExprAggrRunningMin:
-                call = "MIN(" + measure() + ")" + over(running);
-                break;
-            case kRqExprAggrRunningMax:
-                call = "MAX(" + measure() + ")" + over(running);
-                break;
-            case kRqExprAggrMovingAvg:
-            case kRqExprAggrMovingSum:
-                call = std::string(aggr.GetObjectType() == kRqExprAggrMovingAvg ? "AVG(" : "SUM(") +
-                       measure() + ")" +
-                       over("ROWS BETWEEN " + std::to_string(parameter() - 1) +
-                            " PRECEDING AND CURRENT ROW");
-                bNeedsTotalOrder = true;
-                break;
-            case kRqExprAggrReportSum:
-                call = "SUM(" + measure() + ")" + over("");
-                break;
-            case kRqExprAggrReportCount:
-                call = "COUNT(" + countArg() + ")" + over("");
-                break;
-            case kRqExprAggrReportMin:
-                call = "MIN(" + measure() + ")" + over("");
-                break;
-            case kRqExprAggrReportMax:
-                call = "MAX(" + measure() + ")" + over("");
-                break;
-            default:
-                call = "AVG(" + measure() + ")" + over("");
+            case WindowForm::kCountParameter:
+                argument = std::to_string(WindowParameter(aggr));
                 break;
         }
+        std::string frame;
+        switch (form->m_frame) {
+            case WindowForm::kWholePartition:
+                break;
+            case WindowForm::kUpToPeers:
+                // Every row up to the current one and its peers: rows tied on the sort keys
+                // get one value, whatever order the engine puts them in.
+                frame = "RANGE BETWEEN UNBOUNDED PRECEDING AND CURRENT ROW";
+                break;
+            case WindowForm::kLastRows:
+                frame = "ROWS BETWEEN " + std::to_string(WindowParameter(aggr) - 1) +
+                        " PRECEDING AND CURRENT ROW";
+                break;
+        }
+        const std::string call = std::string(form->m_function) + "(" + argument + ") OVER (" +
+                                 spec + (frame.empty() || spec.empty() ? "" : " ") + frame + ")";
+        const bool bNeedsTotalOrder = form->m_bNeedsTotalOrder;
         if (!bNeedsTotalOrder)
             return call;
         // Rows tied on every sort key within a partition get their numbers (buckets, windows
@@ -2077,6 +2065,16 @@ std::string QuoteDoubling(std::string_view text, char quote) {
 
 std::string SqlRenderer::QuoteIdentifier(std::string_view name) {
     return QuoteDoubling(name, '"');
+}
+
+std::string SqlRenderer::IndentLines(std::string_view text, std::string_view pad) {
+    std::string out(pad);
+    for (char c : text) {
+        out += c;
+        if (c == '\n')
+            out += pad;
+    }
+    return out;
 }
 
 std::string SqlRenderer::QuoteText(std::string_view text) {

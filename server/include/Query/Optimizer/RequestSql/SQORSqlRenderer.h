@@ -86,6 +86,8 @@ public:
     static std::string QuoteIdentifier(std::string_view name);
     // A single-quoted text literal, inner quotes doubled.
     static std::string QuoteText(std::string_view text);
+    // `text` with every line prefixed by `pad` (statements nested in others, reports).
+    static std::string IndentLines(std::string_view text, std::string_view pad);
 };
 
 // The function a rendered statement calls to fail on purpose (a scalar subquery with more
