@@ -338,6 +338,47 @@ bool RqGroupBy::HasEquivalentMember(const RqExpr& expr) const {
     return list != nullptr && list->HasEquivalentMember(expr);
 }
 
+bool RqGroupBy::IsSubsetOf(const RqGroupBy& other) const {
+    const RqExprColumnListOrdered* list = GetColumnList();
+    if (list == nullptr || list->GetNumColumns() == 0)
+        return true;
+    const RqExprColumnListOrdered* otherList = other.GetColumnList();
+    return otherList != nullptr && list->IsSubsetOf(*otherList);
+}
+
+bool RqGroupBy::IsPrefixSubsetOf(const RqGroupBy& other) const {
+    const RqExprColumnListOrdered* list = GetColumnList();
+    if (list == nullptr || list->GetNumColumns() == 0)
+        return true;
+    const RqExprColumnListOrdered* otherList = other.GetColumnList();
+    return otherList != nullptr && list->IsPrefixSubsetOf(*otherList);
+}
+
+bool RqGroupBy::HasSameColumns(const RqGroupBy& other) const {
+    return IsSubsetOf(other) && other.IsSubsetOf(*this);
+}
+
+const UInt16Vector& RqGroupBy::GetIthGroupingSet(int i) const {
+    ZK_ASSERT(i >= 0 && i < GetNumGroupingSets());
+    return m_groupingSets[static_cast<size_t>(i)];
+}
+
+void RqGroupBy::AddGroupingSet(const UInt16Vector& columnIndexes) {
+    m_groupingSets.push_back(columnIndexes);
+}
+
+int RqGroupBy::FindGroupingSet(const UInt16Vector& columnIndexes) const {
+    UInt16Vector wanted(columnIndexes);
+    std::sort(wanted.begin(), wanted.end());
+    for (size_t i = 0; i < m_groupingSets.size(); ++i) {
+        UInt16Vector set(m_groupingSets[i]);
+        std::sort(set.begin(), set.end());
+        if (set == wanted)
+            return static_cast<int>(i);
+    }
+    return -1;
+}
+
 // ---- RqOrderBy -----------------------------------------------------------------------------
 
 RqOrderBy::RqOrderBy(const SortSpecVector& specs, bool bSticky) : m_bSticky(bSticky) {

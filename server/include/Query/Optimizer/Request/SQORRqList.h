@@ -145,7 +145,8 @@ public:
               InternalExecutionMode mode = kUnknown);
     // Over an existing column list (taken over).
     RqGroupBy(RqExprColumnListOrdered* columns, InternalExecutionMode mode);
-    RqGroupBy(const RqGroupBy& other) : RqNode(other), m_mode(other.m_mode) {}
+    RqGroupBy(const RqGroupBy& other)
+        : RqNode(other), m_mode(other.m_mode), m_groupingSets(other.m_groupingSets) {}
 
     RqExprColumnListOrdered* GetColumnList() const;
     RqExprColumnListOrdered* GetGranularity() const;
@@ -161,9 +162,32 @@ public:
     bool IsSubsetOf(const RqExprColumnListOrdered& other) const;
     bool IsPrefixSubsetOf(const RqExprColumnListOrdered& other) const;
     bool HasEquivalentMember(const RqExpr& expr) const;
+    // The same questions asked of two GROUP BYs, as ordered lists of their columns (an absent
+    // column list is an empty one). Grouping sets play no part: these compare what is grouped
+    // by, not how often.
+    bool IsSubsetOf(const RqGroupBy& other) const;
+    bool IsPrefixSubsetOf(const RqGroupBy& other) const;
+    // Each is a subset of the other: the same columns, in any order.
+    bool HasSameColumns(const RqGroupBy& other) const;
+
+    // ---- Grouping sets ---------------------------------------------------------------------
+    // Without grouping sets the block is grouped once, by every column of the list. With them
+    // it is grouped once per set, and the results are stacked: a set names columns by their
+    // positions in the column list, and a column that a set leaves out is null in the rows of
+    // that set (SQL's GROUP BY GROUPING SETS). An empty set is the grand total.
+    bool IsGroupingSets() const { return !m_groupingSets.empty(); }
+    int GetNumGroupingSets() const { return static_cast<int>(m_groupingSets.size()); }
+    const UInt16Vector& GetIthGroupingSet(int i) const;
+    // Appends a set: positions into the column list, in the order given.
+    void AddGroupingSet(const UInt16Vector& columnIndexes);
+    void ClearGroupingSets() { m_groupingSets.clear(); }
+    // The position of the set that holds exactly the columns at `columnIndexes` (in any
+    // order), or -1.
+    int FindGroupingSet(const UInt16Vector& columnIndexes) const;
 
 private:
     InternalExecutionMode m_mode = kUnknown;
+    RqGroupingSetVector m_groupingSets;
 };
 
 // ORDER BY: children are its sort specs, then the push-down aggregates that the sort

@@ -46,6 +46,7 @@ struct RqClassTraits<RqNode> {
     using Base = void;
     static constexpr bool kHasNodeSlot = false;
     static constexpr bool kHasExprSlot = false;
+    static constexpr bool kOwnKind = false;
 };
 
 #define RQ_SLOT_A 1
@@ -53,17 +54,18 @@ struct RqClassTraits<RqNode> {
 #define RQ_SLOT_L 1
 #define RQ_SLOT_N 0
 // A class without a kind of its own reports the kind of its base.
-#define RQ_TRAITS(kindValue, cls, baseCls, nv, ev)         \
-    template <>                                            \
-    struct RqClassTraits<cls> {                            \
-        static constexpr int kKind = kindValue;            \
-        using Base = baseCls;                              \
-        static constexpr bool kHasNodeSlot = RQ_SLOT_##nv; \
-        static constexpr bool kHasExprSlot = RQ_SLOT_##ev; \
+#define RQ_TRAITS(kindValue, ownKind, cls, baseCls, nv, ev) \
+    template <>                                             \
+    struct RqClassTraits<cls> {                             \
+        static constexpr int kKind = kindValue;             \
+        using Base = baseCls;                               \
+        static constexpr bool kHasNodeSlot = RQ_SLOT_##nv;  \
+        static constexpr bool kHasExprSlot = RQ_SLOT_##ev;  \
+        static constexpr bool kOwnKind = ownKind;           \
     };
-#define RQ_TRAITS_K(kindName, cls, baseCls, nv, ev) RQ_TRAITS(kindName, cls, baseCls, nv, ev)
+#define RQ_TRAITS_K(kindName, cls, baseCls, nv, ev) RQ_TRAITS(kindName, true, cls, baseCls, nv, ev)
 #define RQ_TRAITS_C(kindName, cls, baseCls, nv, ev) \
-    RQ_TRAITS(RqClassTraits<baseCls>::kKind, cls, baseCls, nv, ev)
+    RQ_TRAITS(RqClassTraits<baseCls>::kKind, false, cls, baseCls, nv, ev)
 #define RQ_TRAITS_M(kindName, cls, baseCls, nv, ev)
 #define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) \
     RQ_TRAITS_##row(kind, cls, base, nv, ev)
@@ -306,6 +308,39 @@ private:
     NodeID m_nodeID;
     SmartRqNodePtr* m_pWatchers = nullptr;
 };
+
+// Checked downcasts of request-tree nodes. RqDynCast<T> answers the node as a T, or null when
+// it is not one (or is null); a class with a kind of its own is tested by kind, which is a
+// table lookup, and an intermediate base without a kind (RqExprSortDependentAggr, ...) by
+// the language's run-time type test. RqCast<T> is for a node that must be a T: anything
+// else is a broken invariant and is reported as one.
+template <class T>
+T* RqDynCast(RqNode* node) {
+    static_assert(std::is_base_of_v<RqNode, T>, "RqDynCast casts to a node class");
+    if constexpr (std::is_same_v<T, RqNode>) {
+        return node;
+    } else if constexpr (RqClassTraits<T>::kOwnKind) {
+        return node != nullptr && node->IsKindOf(static_cast<RqNodeType_e>(RqClassTraits<T>::kKind))
+                   ? static_cast<T*>(node)
+                   : nullptr;
+    } else {
+        return dynamic_cast<T*>(node);
+    }
+}
+template <class T>
+const T* RqDynCast(const RqNode* node) {
+    return RqDynCast<T>(const_cast<RqNode*>(node));
+}
+template <class T>
+T* RqCast(RqNode* node) {
+    T* typed = RqDynCast<T>(node);
+    ZK_ASSERT(typed != nullptr);
+    return typed;
+}
+template <class T>
+const T* RqCast(const RqNode* node) {
+    return RqCast<T>(const_cast<RqNode*>(node));
+}
 
 // A map from nodes to numbers (positions in a table of the caller's), for walks over large
 // trees that must find a node's record again. One flat open-addressed table: no allocation

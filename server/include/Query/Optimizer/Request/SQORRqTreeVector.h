@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "Platform/ZKNodeAlloc.h"
+
 class RqExpr;
 class RqExprCond;
 class RqNode;
@@ -13,7 +15,11 @@ class RqDerivedColumnReference;
 class RqSortSpec;
 class RqColumn;
 
-using UInt16Vector = std::vector<uint16_t>;  // projection indexes
+// Projection indexes. Held by nodes, so their storage is counted by the tracking allocator
+// with every other container of the request tree.
+using UInt16Vector = std::vector<uint16_t, ZKAllocator<uint16_t>>;
+// The grouping sets of a GROUP BY: each a list of positions in its column list.
+using RqGroupingSetVector = std::vector<UInt16Vector, ZKAllocator<UInt16Vector>>;
 using Int32Vector = std::vector<int32_t>;
 using RqExprVector = std::vector<RqExpr*>;
 using RqNodeVector = std::vector<RqNode*>;
