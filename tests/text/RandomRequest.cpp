@@ -63,7 +63,7 @@ public:
                 m_exprKinds.push_back(kind);
                 if (RqIsKindOf(kind, kRqExprCond))
                     m_condKinds.push_back(kind);
-            } else if (rqtext::NodeKeyword(kind) == nullptr) {
+            } else if (rqtext::NodeFormOf(kind) == rqtext::NodeForm::kGeneric) {
                 m_genericKinds.push_back(kind);
             }
         }
@@ -134,7 +134,7 @@ private:
             case 3: {
                 // Write requests and the other kinds that print under their kind name.
                 RqNode* node = Blank<RqNode>(Any(m_genericKinds));
-                rqtext::SetNodeName(*node, Text().ToUtf8());
+                rqtext::SetNameField(*node, Text().ToUtf8());
                 for (int i = m_rng.Below(3); i > 0; --i)
                     node->AddChild(m_rng.Chance(15) ? static_cast<RqNode*>(Expr(0)) : List());
                 return node;

@@ -564,11 +564,11 @@ TEST(RequestTextSameTree, NoticesEveryKindOfDifference) {
         EXPECT_FALSE(RqTextSameTree(*a, *b, &difference));
         EXPECT_EQ(expected, difference);
     };
-    differs([](RqList& report) { report.SetLabel(L"other"); }, "RqHandleNode/RqList[0]: label");
+    differs([](RqList& report) { report.SetLabel(L"other"); }, "RqHandleNode/RqList[0]: list head");
     differs([](RqList& report) { report.GetOrderBy()->SetSticky(true); },
-            "RqHandleNode/RqList[0]/RqOrderBy[6]: sticky flag");
+            "RqHandleNode/RqList[0]/RqOrderBy[6]: sticky flag or types");
     differs([](RqList& report) { report.GetGroupBy()->SetInternalExecutionMode(RqGroupBy::kHash); },
-            "RqHandleNode/RqList[0]/RqGroupBy[4]: execution mode");
+            "RqHandleNode/RqList[0]/RqGroupBy[4]: execution mode or grouping sets");
     differs(
         [](RqList& report) { report.GetProjection()->MarkTargetType(ServerInfo::kOdbcGeneric); },
         "RqHandleNode/RqList[0]/RqProjection[0]: target type 0 vs 2");

@@ -82,6 +82,10 @@ public:
         }
         return c;
     }
+    void SkipWhile(bool (*test)(char)) {
+        while (test(Peek()))
+            Get();
+    }
     size_t Pos() const { return m_pos; }
     int Line() const { return m_line; }
     int Column() const { return m_column; }
@@ -94,176 +98,69 @@ private:
     int m_column = 1;
 };
 
-}  // namespace
+// Cuts the text into tokens, one kind of token per function.
+class Scanner {
+public:
+    Scanner(std::string_view text, const std::string& fileName)
+        : m_cur(text), m_fileName(fileName) {}
 
-RqTextLexer::RqTextLexer(std::string_view text, std::string fileName)
-    : m_fileName(std::move(fileName)) {
-    Tokenize(text);
-}
+    void Run(std::vector<RqToken>& tokens) {
+        while (true) {
+            SkipBlanksAndComments();
+            RqToken tok;
+            tok.m_line = m_cur.Line();
+            tok.m_column = m_cur.Column();
+            if (m_cur.AtEnd()) {
+                tokens.push_back(tok);
+                return;
+            }
+            ScanToken(tok);
+            tokens.push_back(std::move(tok));
+        }
+    }
 
-void RqTextLexer::Tokenize(std::string_view text) {
-    Cursor cur(text);
-    auto fail = [&](int line, int column, const std::string& message) {
+private:
+    [[noreturn]] void Fail(int line, int column, const std::string& message) const {
         throw RqTextError(m_fileName, line, column, message);
-    };
-    while (true) {
-        // Blanks and comments.
-        while (!cur.AtEnd()) {
-            const char c = cur.Peek();
+    }
+
+    void SkipBlanksAndComments() {
+        while (!m_cur.AtEnd()) {
+            const char c = m_cur.Peek();
             if (c == ' ' || c == '\t' || c == '\r' || c == '\n') {
-                cur.Get();
+                m_cur.Get();
             } else if (c == '#') {
-                while (!cur.AtEnd() && cur.Peek() != '\n')
-                    cur.Get();
+                while (!m_cur.AtEnd() && m_cur.Peek() != '\n')
+                    m_cur.Get();
             } else {
                 break;
             }
         }
-        RqToken tok;
-        tok.m_line = cur.Line();
-        tok.m_column = cur.Column();
-        if (cur.AtEnd()) {
-            m_tokens.push_back(tok);
-            return;
-        }
-        const char c = cur.Peek();
-        const size_t start = cur.Pos();
+    }
+
+    void ScanToken(RqToken& tok) {
+        const char c = m_cur.Peek();
+        const size_t start = m_cur.Pos();
         if (IsIdentStart(c)) {
-            while (IsIdentChar(cur.Peek()))
-                cur.Get();
+            m_cur.SkipWhile(IsIdentChar);
             tok.m_kind = RqTokenKind::kIdentifier;
-            tok.m_text = std::string(cur.Slice(start));
-        } else if (IsDigit(c) || (c == '-' && IsDigit(cur.Peek(1)))) {
-            cur.Get();
-            while (IsDigit(cur.Peek()))
-                cur.Get();
-            bool isFloat = false;
-            if (cur.Peek() == ':' && IsDigit(cur.Peek(1)) && c != '-') {
-                cur.Get();
-                while (IsDigit(cur.Peek()))
-                    cur.Get();
-                tok.m_kind = RqTokenKind::kVoidID;
-                tok.m_text = std::string(cur.Slice(start));
-                m_tokens.push_back(std::move(tok));
-                continue;
-            }
-            if (cur.Peek() == '.' && IsDigit(cur.Peek(1))) {
-                isFloat = true;
-                cur.Get();
-                while (IsDigit(cur.Peek()))
-                    cur.Get();
-            }
-            if ((cur.Peek() == 'e' || cur.Peek() == 'E') &&
-                (IsDigit(cur.Peek(1)) ||
-                 ((cur.Peek(1) == '+' || cur.Peek(1) == '-') && IsDigit(cur.Peek(2))))) {
-                isFloat = true;
-                cur.Get();
-                if (cur.Peek() == '+' || cur.Peek() == '-')
-                    cur.Get();
-                while (IsDigit(cur.Peek()))
-                    cur.Get();
-            }
-            if (IsIdentStart(cur.Peek()))
-                fail(cur.Line(), cur.Column(), "unexpected character after a number");
-            tok.m_text = std::string(cur.Slice(start));
-            if (isFloat) {
-                tok.m_kind = RqTokenKind::kFloat;
-                errno = 0;
-                tok.m_float = std::strtod(tok.m_text.c_str(), nullptr);
-                if (errno == ERANGE && std::isinf(tok.m_float))
-                    fail(tok.m_line, tok.m_column, "number out of range: " + tok.m_text);
-            } else {
-                tok.m_kind = RqTokenKind::kInteger;
-                const char* first = tok.m_text.data();
-                const auto [ptr, ec] = std::from_chars(first, first + tok.m_text.size(), tok.m_int);
-                if (ec != std::errc() || ptr != first + tok.m_text.size())
-                    fail(tok.m_line, tok.m_column, "integer out of range: " + tok.m_text);
-            }
-        } else if (c == '"' || (c == '@' && cur.Peek(1) == '"')) {
+            tok.m_text = std::string(m_cur.Slice(start));
+        } else if (IsDigit(c) || (c == '-' && IsDigit(m_cur.Peek(1)))) {
+            ScanNumber(tok);
+        } else if (c == '"' || (c == '@' && m_cur.Peek(1) == '"')) {
             tok.m_kind = c == '"' ? RqTokenKind::kString : RqTokenKind::kLabel;
             if (c == '@')
-                cur.Get();
-            cur.Get();
-            std::string value;
-            while (true) {
-                if (cur.AtEnd() || cur.Peek() == '\n')
-                    fail(tok.m_line, tok.m_column, "unterminated string");
-                const char ch = cur.Get();
-                if (ch == '"')
-                    break;
-                if (ch != '\\') {
-                    value += ch;
-                    continue;
-                }
-                const int escLine = cur.Line();
-                const int escColumn = cur.Column() - 1;
-                const char esc = cur.AtEnd() ? '\0' : cur.Get();
-                switch (esc) {
-                    case '"':
-                        value += '"';
-                        break;
-                    case '\\':
-                        value += '\\';
-                        break;
-                    case 'n':
-                        value += '\n';
-                        break;
-                    case 't':
-                        value += '\t';
-                        break;
-                    case 'r':
-                        value += '\r';
-                        break;
-                    case 'u': {
-                        if (cur.Peek() != '{')
-                            fail(escLine, escColumn, "expected '{' after \\u");
-                        cur.Get();
-                        uint32_t cp = 0;
-                        int digits = 0;
-                        while (std::isxdigit(static_cast<unsigned char>(cur.Peek())) &&
-                               digits < 6) {
-                            const char h = cur.Get();
-                            cp = cp * 16 + static_cast<uint32_t>(
-                                               IsDigit(h) ? h - '0' : (h | 0x20) - 'a' + 10);
-                            ++digits;
-                        }
-                        if (digits == 0 || cur.Peek() != '}' || cp > 0x10FFFF ||
-                            (cp >= 0xD800 && cp <= 0xDFFF))
-                            fail(escLine, escColumn, "bad \\u{...} escape");
-                        cur.Get();
-                        AppendUtf8(value, cp);
-                        break;
-                    }
-                    default:
-                        fail(escLine, escColumn, "unknown escape in string");
-                }
-            }
-            tok.m_text = std::move(value);
-        } else if (c == '@') {
-            cur.Get();
-            if (!IsIdentStart(cur.Peek()) && !IsDigit(cur.Peek()))
-                fail(tok.m_line, tok.m_column, "expected a label name after '@'");
-            const size_t nameStart = cur.Pos();
-            while (IsIdentChar(cur.Peek()))
-                cur.Get();
-            tok.m_kind = RqTokenKind::kLabel;
-            tok.m_text = std::string(cur.Slice(nameStart));
-        } else if (c == '$') {
-            cur.Get();
-            if (!IsIdentChar(cur.Peek()))
-                fail(tok.m_line, tok.m_column, "expected an anchor name after '$'");
-            const size_t nameStart = cur.Pos();
-            while (IsIdentChar(cur.Peek()))
-                cur.Get();
-            tok.m_kind = RqTokenKind::kAnchor;
-            tok.m_text = std::string(cur.Slice(nameStart));
-        } else if (c == '-' && cur.Peek(1) == '>') {
-            cur.Get();
-            cur.Get();
+                m_cur.Get();
+            tok.m_text = ScanString(tok);
+        } else if (c == '@' || c == '$') {
+            ScanName(tok);
+        } else if (c == '-' && m_cur.Peek(1) == '>') {
+            m_cur.Get();
+            m_cur.Get();
             tok.m_kind = RqTokenKind::kPunct;
             tok.m_text = "->";
         } else if (std::string_view("{}()[],=:;.*-").find(c) != std::string_view::npos) {
-            cur.Get();
+            m_cur.Get();
             tok.m_kind = RqTokenKind::kPunct;
             tok.m_text = std::string(1, c);
         } else {
@@ -273,10 +170,129 @@ void RqTextLexer::Tokenize(std::string_view text) {
                 std::snprintf(shown, sizeof shown, "'%c'", c);
             else
                 std::snprintf(shown, sizeof shown, "byte 0x%02X", uc);
-            fail(tok.m_line, tok.m_column, std::string("unexpected character ") + shown);
+            Fail(tok.m_line, tok.m_column, std::string("unexpected character ") + shown);
         }
-        m_tokens.push_back(std::move(tok));
     }
+
+    // An integer, a float, or the identifier of a repository object (3:17).
+    void ScanNumber(RqToken& tok) {
+        const size_t start = m_cur.Pos();
+        const bool negative = m_cur.Get() == '-';
+        m_cur.SkipWhile(IsDigit);
+        if (m_cur.Peek() == ':' && IsDigit(m_cur.Peek(1)) && !negative) {
+            m_cur.Get();
+            m_cur.SkipWhile(IsDigit);
+            tok.m_kind = RqTokenKind::kVoidID;
+            tok.m_text = std::string(m_cur.Slice(start));
+            return;
+        }
+        bool isFloat = false;
+        if (m_cur.Peek() == '.' && IsDigit(m_cur.Peek(1))) {
+            isFloat = true;
+            m_cur.Get();
+            m_cur.SkipWhile(IsDigit);
+        }
+        const char sign = m_cur.Peek(1);
+        if ((m_cur.Peek() == 'e' || m_cur.Peek() == 'E') &&
+            (IsDigit(sign) || ((sign == '+' || sign == '-') && IsDigit(m_cur.Peek(2))))) {
+            isFloat = true;
+            m_cur.Get();
+            if (m_cur.Peek() == '+' || m_cur.Peek() == '-')
+                m_cur.Get();
+            m_cur.SkipWhile(IsDigit);
+        }
+        if (IsIdentStart(m_cur.Peek()))
+            Fail(m_cur.Line(), m_cur.Column(), "unexpected character after a number");
+        tok.m_text = std::string(m_cur.Slice(start));
+        if (isFloat) {
+            tok.m_kind = RqTokenKind::kFloat;
+            errno = 0;
+            tok.m_float = std::strtod(tok.m_text.c_str(), nullptr);
+            if (errno == ERANGE && std::isinf(tok.m_float))
+                Fail(tok.m_line, tok.m_column, "number out of range: " + tok.m_text);
+        } else {
+            tok.m_kind = RqTokenKind::kInteger;
+            const char* first = tok.m_text.data();
+            const auto [ptr, ec] = std::from_chars(first, first + tok.m_text.size(), tok.m_int);
+            if (ec != std::errc() || ptr != first + tok.m_text.size())
+                Fail(tok.m_line, tok.m_column, "integer out of range: " + tok.m_text);
+        }
+    }
+
+    // The decoded content of a string that starts at the cursor's quote.
+    std::string ScanString(const RqToken& tok) {
+        m_cur.Get();
+        std::string value;
+        while (true) {
+            if (m_cur.AtEnd() || m_cur.Peek() == '\n')
+                Fail(tok.m_line, tok.m_column, "unterminated string");
+            const char ch = m_cur.Get();
+            if (ch == '"')
+                return value;
+            if (ch == '\\')
+                ScanEscape(value);
+            else
+                value += ch;
+        }
+    }
+
+    // The escape after a backslash.
+    void ScanEscape(std::string& value) {
+        const int line = m_cur.Line();
+        const int column = m_cur.Column() - 1;
+        const char esc = m_cur.AtEnd() ? '\0' : m_cur.Get();
+        const char* const plain = "\"\"\\\\n\nt\tr\r";
+        for (const char* p = plain; *p != '\0'; p += 2) {
+            if (esc == p[0]) {
+                value += p[1];
+                return;
+            }
+        }
+        if (esc != 'u')
+            Fail(line, column, "unknown escape in string");
+        if (m_cur.Peek() != '{')
+            Fail(line, column, "expected '{' after \\u");
+        m_cur.Get();
+        uint32_t cp = 0;
+        int digits = 0;
+        while (std::isxdigit(static_cast<unsigned char>(m_cur.Peek())) && digits < 6) {
+            const char h = m_cur.Get();
+            cp = cp * 16 + static_cast<uint32_t>(IsDigit(h) ? h - '0' : (h | 0x20) - 'a' + 10);
+            ++digits;
+        }
+        if (digits == 0 || m_cur.Peek() != '}' || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
+            Fail(line, column, "bad \\u{...} escape");
+        m_cur.Get();
+        AppendUtf8(value, cp);
+    }
+
+    // A label (@name) or an anchor ($name).
+    void ScanName(RqToken& tok) {
+        const bool label = m_cur.Get() == '@';
+        const bool starts =
+            label ? IsIdentStart(m_cur.Peek()) || IsDigit(m_cur.Peek()) : IsIdentChar(m_cur.Peek());
+        if (!starts)
+            Fail(tok.m_line, tok.m_column,
+                 label ? "expected a label name after '@'" : "expected an anchor name after '$'");
+        const size_t nameStart = m_cur.Pos();
+        m_cur.SkipWhile(IsIdentChar);
+        tok.m_kind = label ? RqTokenKind::kLabel : RqTokenKind::kAnchor;
+        tok.m_text = std::string(m_cur.Slice(nameStart));
+    }
+
+    Cursor m_cur;
+    const std::string& m_fileName;
+};
+
+}  // namespace
+
+RqTextLexer::RqTextLexer(std::string_view text, std::string fileName)
+    : m_fileName(std::move(fileName)) {
+    Tokenize(text);
+}
+
+void RqTextLexer::Tokenize(std::string_view text) {
+    Scanner(text, m_fileName).Run(m_tokens);
 }
 
 const RqToken& RqTextLexer::Peek(int ahead) const {

@@ -1,8 +1,11 @@
 // Structural comparison of two request trees. Stricter than RqEquivalence: the text format
 // must carry every field, so execution choices, labels, targets and identities count too.
-// It reads the nodes through their own getters, independently of how the text prints them.
+// A node's fields are compared twice over: through its getters, read here independently of
+// the text, and as the writer prints them, so that the comparison cannot answer "same" for
+// a field that the text carries, whatever kind it belongs to.
 
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -12,9 +15,127 @@
 
 namespace {
 
-template <class T>
-const T& As(const RqNode& node) {
-    return static_cast<const T&>(node);
+using namespace rqtext;
+
+// True when `a` is a T and the fields `fields` reads of it differ from those of `b` (a node
+// of the same kind).
+template <class T, class F>
+bool Differ(const RqNode& a, const RqNode& b, F fields) {
+    const T* x = RqDynCast<T>(&a);
+    return x != nullptr && fields(*x) != fields(*RqCast<T>(&b));
+}
+
+bool AllFlag(const RqNode& node) {
+    bool all = false;
+    GetAllFlag(node, all);
+    return all;
+}
+
+std::tuple<VoidID, ZKString, std::string> NamesOf(const RqNode& node) {
+    VoidID id;
+    ZKString name;
+    std::string nameField;
+    GetMetadata(node, id, name);
+    GetNameField(node, nameField);
+    return {id, name, nameField};
+}
+
+std::vector<UInt16Vector> GroupingSetsOf(const RqGroupBy& groupBy) {
+    std::vector<UInt16Vector> sets;
+    for (int i = 0; i < groupBy.GetNumGroupingSets(); ++i)
+        sets.push_back(groupBy.GetIthGroupingSet(i));
+    return sets;
+}
+
+LogicalPlanBytes PlanOf(const RqCache& cache) {
+    LogicalPlanBytes plan;
+    cache.GetLogicalPlan(plan);
+    return plan;
+}
+
+// What differs between the getters of two expressions of the same kind.
+std::string ExprGetterDifference(const RqExpr& a, const RqExpr& b) {
+    // References are compared by what they point at, after the walk.
+    if (!a.IsKindOf(kRqDerivedColumnReference) && a.CompareFields(b) != 0)
+        return "expression fields";
+    if (Differ<RqExprAggr>(a, b, [](const RqExprAggr& n) { return GetAggrFlags(n); }))
+        return "aggregate flags";
+    if (Differ<RqExprColumnList>(a, b, [](const RqExprColumnList& n) { return n.IsSorted(); }))
+        return "sorted flag";
+    return std::string();
+}
+
+// What differs between the getters of two nodes of the same kind that are not expressions.
+std::string NodeGetterDifference(const RqNode& a, const RqNode& b) {
+    if (Differ<RqAbstractList>(a, b, [](const RqAbstractList& n) {
+            return std::tuple(n.GetLabel(), n.GetRowLimit(), n.GetRowOffset(), n.IsShared(),
+                              n.IsWithSupported(), AllFlag(n));
+        }))
+        return "list head";
+    if (Differ<RqList>(a, b, [](const RqList& n) {
+            return std::tuple(n.IsDistinct(), n.IsArtifactListNode());
+        }))
+        return "distinct or artifact flag";
+    if (Differ<RqBreakFilter>(a, b, [](const RqBreakFilter& n) { return n.BreakColumnIndexes(); }))
+        return "break column indexes";
+    if (Differ<RqCacheList>(a, b, [](const RqCacheList& n) { return n.GetMarker(); }))
+        return "marker";
+    if (Differ<RqProjection>(a, b, [](const RqProjection& n) { return n.PeekNextColumnNum(); }))
+        return "next column number";
+    if (Differ<RqDerivedColumn>(a, b, [](const RqDerivedColumn& n) {
+            return std::tuple(n.GetColumnNum(), n.GetBreakStatus());
+        }))
+        return "column number or break status";
+    if (Differ<RqGroupBy>(a, b, [](const RqGroupBy& n) {
+            return std::tuple(n.GetInternalExecutionMode(), GroupingSetsOf(n));
+        }))
+        return "execution mode or grouping sets";
+    if (Differ<RqOrderBy>(
+            a, b, [](const RqOrderBy& n) { return std::tuple(n.IsSticky(), n.GetStickyTypes()); }))
+        return "sticky flag or types";
+    if (Differ<RqSortSpec>(a, b, [](const RqSortSpec& n) {
+            return std::tuple(n.GetColumnNumber(), n.GetSortDirection(), n.GetNullSortDirection(),
+                              n.IsLogicalSelectList(), n.IsCaseInsensitive());
+        }))
+        return "sort key";
+    if (Differ<RqTableReference>(a, b, [](const RqTableReference& n) {
+            return std::tuple(n.GetJoinType(), n.GetDrivingTableHint(),
+                              n.GetLeftJoinColumnIndexes(), n.GetRightJoinColumnIndexes());
+        }))
+        return "join fields";
+    if (Differ<RqJoinNode>(a, b, [](const RqJoinNode& n) { return n.IsPreserved(); }))
+        return "preserved flag";
+    if (Differ<RqAbstractTable>(a, b, [](const RqAbstractTable& n) { return n.GetTableNum(); }))
+        return "table number";
+    if (Differ<RqIdentifiedTable>(a, b, [](const RqIdentifiedTable& n) { return n.GetTableID(); }))
+        return "table id";
+    if (Differ<RqTransientOpaqueTable>(
+            a, b, [](const RqTransientOpaqueTable& n) { return n.GetColumnTypeInfos(); }))
+        return "column types";
+    if (Differ<RqExternalTable>(a, b, [](const RqExternalTable& n) { return n.GetName(); }))
+        return "name";
+    if (Differ<RqDerivedTable>(a, b, [](const RqDerivedTable& n) { return n.GetNestingLevel(); }))
+        return "nesting level";
+    if (Differ<RqCache>(a, b, [](const RqCache& n) { return PlanOf(n); }))
+        return "logical plan";
+    return NamesOf(a) != NamesOf(b) ? "name or identifier" : std::string();
+}
+
+// The printed fields on one line, for the message.
+std::string OneLine(const std::string& text) {
+    std::string out;
+    bool blank = false;
+    for (const char c : text) {
+        if (c == '\n' || c == ' ') {
+            blank = true;
+            continue;
+        }
+        if (blank && !out.empty())
+            out += ' ';
+        blank = false;
+        out += c;
+    }
+    return out;
 }
 
 // What differs between the own fields of two nodes of the same kind; empty when nothing.
@@ -25,140 +146,15 @@ std::string FieldDifference(const RqNode& a, const RqNode& b) {
     if (a.GetTargetID() != b.GetTargetID())
         return "target id " + a.GetTargetID().ToString().ToUtf8() + " vs " +
                b.GetTargetID().ToString().ToUtf8();
-    if (a.IsExpr()) {
-        // References are compared by what they point at, after the walk.
-        if (a.GetObjectType() != kRqDerivedColumnReference &&
-            As<RqExpr>(a).CompareFields(As<RqExpr>(b)) != 0)
-            return "expression fields";
-        if (a.IsKindOf(kRqExprAggr) &&
-            As<RqExprAggr>(a).IsInstantiated() != As<RqExprAggr>(b).IsInstantiated())
-            return "instantiated flag";
-        if (a.GetObjectType() == kRqExprColumnList &&
-            As<RqExprColumnList>(a).IsSorted() != As<RqExprColumnList>(b).IsSorted())
-            return "sorted flag";
-        return std::string();
-    }
-    if (a.IsKindOf(kRqAbstractList)) {
-        const auto& x = As<RqAbstractList>(a);
-        const auto& y = As<RqAbstractList>(b);
-        if (x.GetLabel() != y.GetLabel())
-            return "label";
-        if (x.GetRowLimit() != y.GetRowLimit() || x.GetRowOffset() != y.GetRowOffset())
-            return "row limit or offset";
-        if (x.IsShared() != y.IsShared() || x.IsWithSupported() != y.IsWithSupported())
-            return "shared or with flag";
-    }
-    std::string nameA;
-    std::string nameB;
-    if (rqtext::GetNodeName(a, nameA) && rqtext::GetNodeName(b, nameB) && nameA != nameB)
-        return "name";
-    switch (a.GetObjectType()) {
-        case kRqList:
-            if (As<RqList>(a).IsDistinct() != As<RqList>(b).IsDistinct() ||
-                As<RqList>(a).IsArtifactListNode() != As<RqList>(b).IsArtifactListNode())
-                return "distinct or artifact flag";
-            break;
-        case kRqUnion:
-            return As<RqUnion>(a).IsAll() != As<RqUnion>(b).IsAll() ? "all flag" : "";
-        case kRqIntersect:
-            return As<RqIntersect>(a).IsAll() != As<RqIntersect>(b).IsAll() ? "all flag" : "";
-        case kRqExcept:
-            return As<RqExcept>(a).IsAll() != As<RqExcept>(b).IsAll() ? "all flag" : "";
-        case kRqBreakFilter:
-            return As<RqBreakFilter>(a).BreakColumnIndexes() !=
-                           As<RqBreakFilter>(b).BreakColumnIndexes()
-                       ? "break column indexes"
-                       : "";
-        case kRqCacheList:
-            return As<RqCacheList>(a).GetMarker() != As<RqCacheList>(b).GetMarker() ? "marker" : "";
-        case kRqProjection:
-            return As<RqProjection>(a).PeekNextColumnNum() !=
-                           As<RqProjection>(b).PeekNextColumnNum()
-                       ? "next column number"
-                       : "";
-        case kRqDerivedColumn:
-            if (As<RqDerivedColumn>(a).GetColumnNum() != As<RqDerivedColumn>(b).GetColumnNum())
-                return "column number";
-            return As<RqDerivedColumn>(a).GetBreakStatus() !=
-                           As<RqDerivedColumn>(b).GetBreakStatus()
-                       ? "break status"
-                       : "";
-        case kRqGroupBy:
-            return As<RqGroupBy>(a).GetInternalExecutionMode() !=
-                           As<RqGroupBy>(b).GetInternalExecutionMode()
-                       ? "execution mode"
-                       : "";
-        case kRqOrderBy:
-            if (As<RqOrderBy>(a).IsSticky() != As<RqOrderBy>(b).IsSticky())
-                return "sticky flag";
-            return As<RqOrderBy>(a).GetStickyTypes() != As<RqOrderBy>(b).GetStickyTypes()
-                       ? "sticky types"
-                       : "";
-        case kRqSortSpec: {
-            const auto& x = As<RqSortSpec>(a);
-            const auto& y = As<RqSortSpec>(b);
-            if (x.GetColumnNumber() != y.GetColumnNumber() ||
-                x.GetSortDirection() != y.GetSortDirection() ||
-                x.GetNullSortDirection() != y.GetNullSortDirection() ||
-                x.IsLogicalSelectList() != y.IsLogicalSelectList() ||
-                x.IsCaseInsensitive() != y.IsCaseInsensitive())
-                return "sort key";
-            break;
-        }
-        case kRqTableReference: {
-            const auto& x = As<RqTableReference>(a);
-            const auto& y = As<RqTableReference>(b);
-            if (x.GetJoinType() != y.GetJoinType() ||
-                x.GetDrivingTableHint() != y.GetDrivingTableHint() ||
-                x.GetLeftJoinColumnIndexes() != y.GetLeftJoinColumnIndexes() ||
-                x.GetRightJoinColumnIndexes() != y.GetRightJoinColumnIndexes())
-                return "join fields";
-            break;
-        }
-        case kRqJoinNode:
-            return As<RqJoinNode>(a).IsPreserved() != As<RqJoinNode>(b).IsPreserved()
-                       ? "preserved flag"
-                       : "";
-        case kRqEntity:
-            return As<RqEntity>(a).GetID() != As<RqEntity>(b).GetID() ||
-                           As<RqEntity>(a).GetName() != As<RqEntity>(b).GetName()
-                       ? "entity"
-                       : "";
-        case kRqCache:
-        case kRqXSACache: {
-            LogicalPlanBytes x;
-            LogicalPlanBytes y;
-            As<RqCache>(a).GetLogicalPlan(x);
-            As<RqCache>(b).GetLogicalPlan(y);
-            return x != y ? "logical plan" : "";
-        }
-        default:
-            break;
-    }
-    if (a.IsKindOf(kRqAbstractTable)) {
-        if (As<RqAbstractTable>(a).GetTableNum() != As<RqAbstractTable>(b).GetTableNum())
-            return "table number";
-        if (a.IsKindOf(kRqIdentifiedTable) &&
-            As<RqIdentifiedTable>(a).GetTableID() != As<RqIdentifiedTable>(b).GetTableID())
-            return "table id";
-        switch (a.GetObjectType()) {
-            case kRqTransientOpaqueTable:
-                return As<RqTransientOpaqueTable>(a).GetColumnTypeInfos() !=
-                               As<RqTransientOpaqueTable>(b).GetColumnTypeInfos()
-                           ? "column types"
-                           : "";
-            case kRqExternalTable:
-                return As<RqExternalTable>(a).GetName() != As<RqExternalTable>(b).GetName() ? "name"
-                                                                                            : "";
-            case kRqDerivedTable:
-                return As<RqDerivedTable>(a).GetNestingLevel() !=
-                               As<RqDerivedTable>(b).GetNestingLevel()
-                           ? "nesting level"
-                           : "";
-            default:
-                break;
-        }
-    }
+    const auto* expr = RqDynCast<RqExpr>(&a);
+    const std::string what = expr != nullptr ? ExprGetterDifference(*expr, *RqCast<RqExpr>(&b))
+                                             : NodeGetterDifference(a, b);
+    if (!what.empty())
+        return what;
+    const std::string printedA = OwnFieldsText(a);
+    const std::string printedB = OwnFieldsText(b);
+    if (printedA != printedB)
+        return "printed fields " + OneLine(printedA) + " vs " + OneLine(printedB);
     return std::string();
 }
 
@@ -199,21 +195,16 @@ public:
             const RqNode& x = *m_entries[i].m_pA;
             const RqNode& y = *m_entries[i].m_pB;
             bool same = true;
-            switch (x.GetObjectType()) {
-                case kRqDerivedColumnReference:
-                    same = Corresponds(As<RqDerivedColumnReference>(x).GetDerivedColumn(),
-                                       As<RqDerivedColumnReference>(y).GetDerivedColumn());
-                    break;
-                case kRqSharedList:
-                    same = Corresponds(As<RqSharedList>(x).GetSharedRqList(),
-                                       As<RqSharedList>(y).GetSharedRqList());
-                    break;
-                case kRqJoinLink:
-                    same = Corresponds(As<RqJoinLink>(x).GetFrom(), As<RqJoinLink>(y).GetFrom()) &&
-                           Corresponds(As<RqJoinLink>(x).GetTo(), As<RqJoinLink>(y).GetTo());
-                    break;
-                default:
-                    break;
+            if (const auto* reference = RqDynCast<RqDerivedColumnReference>(&x)) {
+                same = Corresponds(reference->GetDerivedColumn(),
+                                   RqCast<RqDerivedColumnReference>(&y)->GetDerivedColumn());
+            } else if (const auto* shared = RqDynCast<RqSharedList>(&x)) {
+                same = Corresponds(shared->GetSharedRqList(),
+                                   RqCast<RqSharedList>(&y)->GetSharedRqList());
+            } else if (const auto* link = RqDynCast<RqJoinLink>(&x)) {
+                const auto* other = RqCast<RqJoinLink>(&y);
+                same = Corresponds(link->GetFrom(), other->GetFrom()) &&
+                       Corresponds(link->GetTo(), other->GetTo());
             }
             if (!same)
                 return Report(i, "points at a node that does not correspond", difference);

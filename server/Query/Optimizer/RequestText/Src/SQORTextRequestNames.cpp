@@ -1,5 +1,6 @@
-// The vocabulary of the request text: kind names, keywords, enumerated words, and blank nodes
-// of any kind for the reader to fill in. Expanded from the kind table, so that a kind added
+// The vocabulary of the request text: the forms of the kinds with a syntax of their own, kind
+// names, keywords, enumerated words, blank nodes of any kind for the reader to fill in, and
+// the fields that several classes share. Expanded from the kind table, so that a kind added
 // there prints and reads under its class name without a change here.
 
 #include <array>
@@ -52,43 +53,91 @@ constexpr Alias kAliases[] = {
     {kRqExprLogicalSubquery, "Subquery"},
 };
 
-// Node kinds with a syntax of their own.
-struct Keyword {
+// The node kinds with a syntax of their own, with their keywords.
+struct NodeFormRow {
     RqNodeType_e m_kind;
+    NodeForm m_form;
     const char* m_word;
 };
-constexpr Keyword kKeywords[] = {
-    {kRqHandleNode, "request"},
-    {kRqList, "list"},
-    {kRqUnion, "union"},
-    {kRqIntersect, "intersect"},
-    {kRqExcept, "except"},
-    {kRqSharedList, "shared"},
-    {kRqBreakFilter, "breakfilter"},
-    {kRqCacheList, "cachelist"},
-    {kRqProjection, "select"},
-    {kRqDerivedColumn, "column"},
-    {kRqDetailFilter, "where"},
-    {kRqSummaryFilter, "summary"},
-    {kRqHaving, "having"},
-    {kRqGroupBy, "groupby"},
-    {kRqOrderBy, "orderby"},
-    {kRqSortSpec, "key"},
-    {kRqJoinSpec, "from"},
-    {kRqJoinNode, "node"},
-    {kRqTableReference, "join"},
-    {kRqJoinLink, "link"},
-    {kRqAtomicTable, "table"},
-    {kRqOpaqueTable, "opaque"},
-    {kRqTransientOpaqueTable, "transient"},
-    {kRqXSACacheTable, "xsatable"},
-    {kRqVELDNativeTable, "native"},
-    {kRqExternalTable, "external"},
-    {kRqDerivedTable, "derived"},
-    {kRqEntity, "entity"},
-    {kRqCache, "cache"},
-    {kRqXSACache, "xsacache"},
+constexpr NodeFormRow kNodeForms[] = {
+    {kRqHandleNode, NodeForm::kRequest, "request"},
+    {kRqList, NodeForm::kList, "list"},
+    {kRqUnion, NodeForm::kList, "union"},
+    {kRqIntersect, NodeForm::kList, "intersect"},
+    {kRqExcept, NodeForm::kList, "except"},
+    {kRqSharedList, NodeForm::kList, "shared"},
+    {kRqBreakFilter, NodeForm::kList, "breakfilter"},
+    {kRqCacheList, NodeForm::kList, "cachelist"},
+    {kRqProjection, NodeForm::kSelect, "select"},
+    {kRqDerivedColumn, NodeForm::kColumn, "column"},
+    {kRqDetailFilter, NodeForm::kFilter, "where"},
+    {kRqSummaryFilter, NodeForm::kFilter, "summary"},
+    {kRqHaving, NodeForm::kFilter, "having"},
+    {kRqGroupBy, NodeForm::kGroupBy, "groupby"},
+    {kRqOrderBy, NodeForm::kOrderBy, "orderby"},
+    {kRqSortSpec, NodeForm::kSortKey, "key"},
+    {kRqJoinSpec, NodeForm::kFrom, "from"},
+    {kRqJoinNode, NodeForm::kJoinNode, "node"},
+    {kRqTableReference, NodeForm::kJoin, "join"},
+    {kRqJoinLink, NodeForm::kLink, "link"},
+    {kRqAtomicTable, NodeForm::kTable, "table"},
+    {kRqOpaqueTable, NodeForm::kTable, "opaque"},
+    {kRqTransientOpaqueTable, NodeForm::kTable, "transient"},
+    {kRqXSACacheTable, NodeForm::kTable, "xsatable"},
+    {kRqVELDNativeTable, NodeForm::kTable, "native"},
+    {kRqExternalTable, NodeForm::kTable, "external"},
+    {kRqDerivedTable, NodeForm::kTable, "derived"},
+    {kRqEntity, NodeForm::kEntity, "entity"},
+    {kRqCache, NodeForm::kCache, "cache"},
+    {kRqXSACache, NodeForm::kCache, "xsacache"},
 };
+
+// The clauses of a block and their slots.
+constexpr std::pair<RqNodeType_e, int> kClauseSlots[] = {
+    {kRqProjection, RqList::kProjectionChild},     {kRqJoinSpec, RqList::kJoinSpecChild},
+    {kRqDetailFilter, RqList::kDetailFilterChild}, {kRqSummaryFilter, RqList::kSummaryFilterChild},
+    {kRqGroupBy, RqList::kGroupByChild},           {kRqHaving, RqList::kHavingChild},
+    {kRqOrderBy, RqList::kOrderByChild},
+};
+
+// The expression kinds with a syntax or fields of their own; the word begins a leaf.
+struct ExprFormRow {
+    RqNodeType_e m_kind;
+    ExprForm m_form;
+    const char* m_word;
+};
+constexpr ExprFormRow kExprForms[] = {
+    {kRqExprParam, ExprForm::kNamed, nullptr},
+    {kRqExprSessionVar, ExprForm::kNamed, nullptr},
+    {kRqAttribute, ExprForm::kMetadata, nullptr},
+    {kRqExprDimension, ExprForm::kMetadata, nullptr},
+    {kRqExprLevel, ExprForm::kMetadata, nullptr},
+    {kRqExprCast, ExprForm::kCast, nullptr},
+    {kRqExprExternalData, ExprForm::kExternalData, nullptr},
+    {kRqExprColumnList, ExprForm::kColumnList, nullptr},
+    {kRqExprIntegerLiteral, ExprForm::kInteger, nullptr},
+    {kRqExprFloatLiteral, ExprForm::kFloat, nullptr},
+    {kRqExprStringLiteral, ExprForm::kString, nullptr},
+    {kRqExprDateLiteral, ExprForm::kTypedText, "date"},
+    {kRqExprTimeLiteral, ExprForm::kTypedText, "time"},
+    {kRqExprDateTimeLiteral, ExprForm::kTypedText, "datetime"},
+    {kRqExprIntervalLiteral, ExprForm::kTypedText, "interval"},
+    {kRqExprNumberLiteral, ExprForm::kTypedText, "number"},
+    {kRqExprNullLiteral, ExprForm::kNull, nullptr},
+    {kRqTargetColumn, ExprForm::kTargetColumn, nullptr},
+    {kRqTargetCubeColumn, ExprForm::kTargetColumn, "cubecol"},
+    {kRqTargetCacheColumn, ExprForm::kTargetColumn, "cachecol"},
+    {kRqDerivedColumnReference, ExprForm::kReference, nullptr},
+};
+
+template <class Row, size_t N>
+const Row* FindRow(const Row (&rows)[N], RqNodeType_e kind) {
+    for (const Row& row : rows) {
+        if (row.m_kind == kind)
+            return &row;
+    }
+    return nullptr;
+}
 
 std::string StripPrefix(std::string_view name) {
     if (name.starts_with("RqExpr") && name.size() > 6)
@@ -120,42 +169,24 @@ struct Names {
     std::array<std::string, kRqNodeTypeCount> m_printed;
     std::unordered_map<std::string, RqNodeType_e> m_byName;
     std::unordered_map<std::string, RqNodeType_e> m_nodeWords;
+    std::unordered_map<std::string, RqNodeType_e> m_leafWords;
 
     Names() {
-        std::array<bool, kRqNodeTypeCount> concrete{};
-#define RQ_CONCRETE_G(kind) concrete[kind] = true;
-#define RQ_CONCRETE_H(kind) concrete[kind] = true;
-#define RQ_CONCRETE_A(kind)
-#define RQ_CONCRETE_N(kind)
-#define RQ_ROW_K(kind, decl) RQ_CONCRETE_##decl(kind)
-#define RQ_ROW_C(kind, decl)
-#define RQ_ROW_M(kind, decl)
-#define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) \
-    RQ_ROW_##row(kind, decl)
-#include "Query/Optimizer/Request/SQORRqNodeKinds.def"
-#undef RQ_NODE_KIND
-#undef RQ_ROW_K
-#undef RQ_ROW_C
-#undef RQ_ROW_M
-#undef RQ_CONCRETE_G
-#undef RQ_CONCRETE_H
-#undef RQ_CONCRETE_A
-#undef RQ_CONCRETE_N
         // Full class names always read; the short forms only where they are unambiguous.
         std::unordered_map<std::string, int> shortCount;
         for (int value = 0; value < kRqNodeTypeCount; ++value) {
-            if (!concrete[value])
-                continue;
             const auto kind = static_cast<RqNodeType_e>(value);
+            if (RqIsAbstractNodeType(kind))
+                continue;
             m_byName.emplace(RqNodeTypeName(kind), kind);
             ++shortCount[StripPrefix(RqNodeTypeName(kind))];
         }
         for (const Alias& alias : kAliases)
             ++shortCount[alias.m_name];
         for (int value = 0; value < kRqNodeTypeCount; ++value) {
-            if (!concrete[value])
-                continue;
             const auto kind = static_cast<RqNodeType_e>(value);
+            if (RqIsAbstractNodeType(kind))
+                continue;
             const std::string shortName = StripPrefix(RqNodeTypeName(kind));
             if (shortCount[shortName] == 1) {
                 m_printed[value] = shortName;
@@ -163,7 +194,7 @@ struct Names {
             } else {
                 m_printed[value] = RqNodeTypeName(kind);
             }
-            if (!RqIsExprType(kind) && NodeKeyword(kind) == nullptr) {
+            if (!RqIsExprType(kind) && NodeFormOf(kind) == NodeForm::kGeneric) {
                 m_nodeWords.emplace(m_printed[value], kind);
                 m_nodeWords.emplace(RqNodeTypeName(kind), kind);
             }
@@ -172,8 +203,12 @@ struct Names {
             m_printed[alias.m_kind] = alias.m_name;
             m_byName.emplace(alias.m_name, alias.m_kind);
         }
-        for (const Keyword& keyword : kKeywords)
-            m_nodeWords.emplace(keyword.m_word, keyword.m_kind);
+        for (const NodeFormRow& row : kNodeForms)
+            m_nodeWords.emplace(row.m_word, row.m_kind);
+        for (const ExprFormRow& row : kExprForms) {
+            if (row.m_word != nullptr)
+                m_leafWords.emplace(row.m_word, row.m_kind);
+        }
     }
 };
 
@@ -182,24 +217,81 @@ const Names& GetNames() {
     return names;
 }
 
+bool Find(const std::unordered_map<std::string, RqNodeType_e>& map, std::string_view name,
+          RqNodeType_e& kind) {
+    const auto it = map.find(std::string(name));
+    if (it == map.end())
+        return false;
+    kind = it->second;
+    return true;
+}
+
+// Fields that several classes carry without a common base, found by the class's interface.
+template <class T>
+concept HasNameField = requires(T& node, const ZKString& name) {
+    { node.GetName() } -> std::convertible_to<const ZKString&>;
+    node.SetName(name);
+};
+template <class T>
+concept HasTextValue = requires(T& node, const ZKString& value) {
+    { node.GetValue() } -> std::convertible_to<const ZKString&>;
+    node.SetValue(value);
+};
+template <class T>
+concept HasAllFlag = requires(T& node) {
+    { node.IsAll() } -> std::convertible_to<bool>;
+    node.SetAll(true);
+};
+template <class T>
+concept HasMetadata = requires(const T& node) {
+    { node.GetID() } -> std::convertible_to<const VoidID&>;
+    { node.GetName() } -> std::convertible_to<const ZKString&>;
+}
+&&std::is_constructible_v<T, const VoidID&, const ZKString&>;
+
 }  // namespace
 
-std::string ExprKindName(RqNodeType_e kind) {
+NodeForm NodeFormOf(RqNodeType_e kind) {
+    const NodeFormRow* row = FindRow(kNodeForms, kind);
+    return row != nullptr ? row->m_form : NodeForm::kGeneric;
+}
+
+ExprForm ExprFormOf(RqNodeType_e kind) {
+    if (const ExprFormRow* row = FindRow(kExprForms, kind))
+        return row->m_form;
+    return RqIsKindOf(kind, kRqExprAggr) ? ExprForm::kAggregate : ExprForm::kCall;
+}
+
+const char* FormWord(RqNodeType_e kind) {
+    if (const NodeFormRow* row = FindRow(kNodeForms, kind))
+        return row->m_word;
+    const ExprFormRow* row = FindRow(kExprForms, kind);
+    return row != nullptr ? row->m_word : nullptr;
+}
+
+bool NodeWordKind(std::string_view word, RqNodeType_e& kind) {
+    return Find(GetNames().m_nodeWords, word, kind);
+}
+
+bool LeafWordKind(std::string_view word, RqNodeType_e& kind) {
+    return Find(GetNames().m_leafWords, word, kind);
+}
+
+int ClauseSlot(RqNodeType_e kind) {
+    for (const auto& [clause, slot] : kClauseSlots) {
+        if (clause == kind)
+            return slot;
+    }
+    return -1;
+}
+
+std::string KindName(RqNodeType_e kind) {
     const std::string& name = GetNames().m_printed[static_cast<size_t>(kind)];
     return name.empty() ? std::string(RqNodeTypeName(kind)) : name;
 }
 
-std::string NodeKindName(RqNodeType_e kind) {
-    return ExprKindName(kind);
-}
-
 bool KindFromName(std::string_view name, RqNodeType_e& kind) {
-    const auto& byName = GetNames().m_byName;
-    const auto it = byName.find(std::string(name));
-    if (it == byName.end())
-        return false;
-    kind = it->second;
-    return true;
+    return Find(GetNames().m_byName, name, kind);
 }
 
 const std::vector<std::string>& ExprKindNames() {
@@ -207,8 +299,8 @@ const std::vector<std::string>& ExprKindNames() {
         std::vector<std::string> out;
         for (int value = 0; value < kRqNodeTypeCount; ++value) {
             const auto kind = static_cast<RqNodeType_e>(value);
-            if (RqIsNodeTypeValue(value) && RqIsExprType(kind) && !RqIsAbstractNodeType(kind))
-                out.push_back(ExprKindName(kind));
+            if (RqIsExprType(kind) && !RqIsAbstractNodeType(kind))
+                out.push_back(KindName(kind));
         }
         return out;
     }();
@@ -238,78 +330,120 @@ RqNode* MakeBlankNode(RqNodeType_e kind) {
 #undef RQ_MAKE_A
 #undef RQ_MAKE_N
         default:
+            // Abstract kinds and markers have no node.
             return nullptr;
     }
 }
 
-namespace {
-
-template <class T>
-concept NamedNodeClass = !std::is_base_of_v<RqExpr, T> && requires(T & node, const ZKString& name) {
-    { node.GetName() } -> std::convertible_to<const ZKString&>;
-    node.SetName(name);
-};
-
-// Calls `action` with the node as its class when the class carries a name field.
-template <class N, class F>
-bool WithNamedNode(N& node, F&& action) {
-    switch (node.GetObjectType()) {
-#define RQ_NAMED_G(kind, cls)                                                 \
-    case kind:                                                                \
-        if constexpr (NamedNodeClass<cls>) {                                  \
-            using C = std::conditional_t<std::is_const_v<N>, const cls, cls>; \
-            action(static_cast<C&>(node));                                    \
-            return true;                                                      \
-        } else {                                                              \
-            return false;                                                     \
+bool GetNameField(const RqNode& node, std::string& utf8) {
+    bool has = false;
+    WithNodeClass(node, [&](const auto& named) {
+        if constexpr (HasNameField<std::remove_const_t<std::remove_reference_t<decltype(named)>>>) {
+            utf8 = named.GetName().ToUtf8();
+            has = true;
         }
-#define RQ_NAMED_H(kind, cls) RQ_NAMED_G(kind, cls)
-#define RQ_NAMED_A(kind, cls)
-#define RQ_NAMED_N(kind, cls)
-#define RQ_NAMED_ROW_K(kind, cls, decl) RQ_NAMED_##decl(kind, cls)
-#define RQ_NAMED_ROW_C(kind, cls, decl)
-#define RQ_NAMED_ROW_M(kind, cls, decl)
-#define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) \
-    RQ_NAMED_ROW_##row(kind, cls, decl)
-#include "Query/Optimizer/Request/SQORRqNodeKinds.def"
-#undef RQ_NODE_KIND
-#undef RQ_NAMED_ROW_K
-#undef RQ_NAMED_ROW_C
-#undef RQ_NAMED_ROW_M
-#undef RQ_NAMED_G
-#undef RQ_NAMED_H
-#undef RQ_NAMED_A
-#undef RQ_NAMED_N
-        default:
-            return false;
-    }
+    });
+    return has;
 }
 
-}  // namespace
-
-bool GetNodeName(const RqNode& node, std::string& utf8) {
-    return WithNamedNode(node, [&](const auto& named) { utf8 = named.GetName().ToUtf8(); });
+bool SetNameField(RqNode& node, std::string_view utf8) {
+    bool has = false;
+    WithNodeClass(node, [&](auto& named) {
+        if constexpr (HasNameField<std::remove_reference_t<decltype(named)>>) {
+            named.SetName(ZKString::FromUtf8(utf8));
+            has = true;
+        }
+    });
+    return has;
 }
 
-bool SetNodeName(RqNode& node, std::string_view utf8) {
-    return WithNamedNode(node, [&](auto& named) { named.SetName(ZKString::FromUtf8(utf8)); });
+bool GetTextValue(const RqNode& node, ZKString& value) {
+    bool has = false;
+    WithNodeClass(node, [&](const auto& literal) {
+        if constexpr (HasTextValue<
+                          std::remove_const_t<std::remove_reference_t<decltype(literal)>>>) {
+            value = literal.GetValue();
+            has = true;
+        }
+    });
+    return has;
 }
 
-const char* NodeKeyword(RqNodeType_e kind) {
-    for (const Keyword& keyword : kKeywords) {
-        if (keyword.m_kind == kind)
-            return keyword.m_word;
-    }
-    return nullptr;
+bool SetTextValue(RqNode& node, const ZKString& value) {
+    bool has = false;
+    WithNodeClass(node, [&](auto& literal) {
+        if constexpr (HasTextValue<std::remove_reference_t<decltype(literal)>>) {
+            literal.SetValue(value);
+            has = true;
+        }
+    });
+    return has;
 }
 
-bool NodeWordKind(std::string_view word, RqNodeType_e& kind) {
-    const auto& words = GetNames().m_nodeWords;
-    const auto it = words.find(std::string(word));
-    if (it == words.end())
-        return false;
-    kind = it->second;
-    return true;
+bool GetAllFlag(const RqNode& node, bool& value) {
+    bool has = false;
+    WithNodeClass(node, [&](const auto& setOperation) {
+        if constexpr (HasAllFlag<
+                          std::remove_const_t<std::remove_reference_t<decltype(setOperation)>>>) {
+            value = setOperation.IsAll();
+            has = true;
+        }
+    });
+    return has;
+}
+
+bool SetAllFlag(RqNode& node, bool value) {
+    bool has = false;
+    WithNodeClass(node, [&](auto& setOperation) {
+        if constexpr (HasAllFlag<std::remove_reference_t<decltype(setOperation)>>) {
+            setOperation.SetAll(value);
+            has = true;
+        }
+    });
+    return has;
+}
+
+bool GetMetadata(const RqNode& node, VoidID& id, ZKString& name) {
+    bool has = false;
+    WithNodeClass(node, [&](const auto& reference) {
+        if constexpr (HasMetadata<
+                          std::remove_const_t<std::remove_reference_t<decltype(reference)>>>) {
+            id = reference.GetID();
+            name = reference.GetName();
+            has = true;
+        }
+    });
+    return has;
+}
+
+RqNode* MakeMetadataNode(RqNodeType_e kind, const VoidID& id, const ZKString& name) {
+    Heap<RqNode> blank(MakeBlankNode(kind));
+    if (!blank)
+        return nullptr;
+    RqNode* made = nullptr;
+    WithNodeClass(*blank, [&](auto& reference) {
+        using C = std::remove_reference_t<decltype(reference)>;
+        if constexpr (HasMetadata<C>)
+            made = RQ_NEW C(id, name);
+    });
+    return made;
+}
+
+int GetAggrFlags(const RqExprAggr& aggr) {
+    return (aggr.IsDistinctAggregation() ? kAggrDistinct : 0) |
+           (aggr.IsSQL99Aggregation() ? kAggrSQL99 : 0) |
+           (aggr.HasDistinctComputeBreak() ? kAggrDistinctCompute : 0) |
+           (aggr.HasExplicitGrain() ? kAggrGrain : 0) | (aggr.IsAnalytic() ? kAggrAnalytic : 0) |
+           (aggr.IsInstantiated() ? 0 : kAggrUninstantiated);
+}
+
+void SetAggrFlags(RqExprAggr& aggr, int flags) {
+    aggr.SetDistinctAggregation((flags & kAggrDistinct) != 0);
+    aggr.SetSQL99Aggregation((flags & kAggrSQL99) != 0);
+    aggr.SetDistinctComputeBreak((flags & kAggrDistinctCompute) != 0);
+    aggr.SetExplicitGrain((flags & kAggrGrain) != 0);
+    aggr.SetAnalytic((flags & kAggrAnalytic) != 0);
+    aggr.SetInstantiated((flags & kAggrUninstantiated) == 0);
 }
 
 const char* WordOf(const EnumWord* table, std::size_t count, int value) {
@@ -365,6 +499,14 @@ const EnumWord kBreakStatusWords[3] = {
     {RqDerivedColumn::kNoDuplicates, "nodup"},
     {RqDerivedColumn::kAllowDuplicates, "dup"},
     {RqDerivedColumn::kLobData, "lob"},
+};
+const EnumWord kAggrFlagWords[6] = {
+    {kAggrDistinct, "distinct"},
+    {kAggrSQL99, "sql99"},
+    {kAggrDistinctCompute, "distinctcompute"},
+    {kAggrGrain, "grain"},
+    {kAggrAnalytic, "analytic"},
+    {kAggrUninstantiated, "uninstantiated"},
 };
 
 }  // namespace rqtext

@@ -3,7 +3,12 @@
 // A first walk over the tree gathers what printing a node needs to know about the rest of
 // the tree: which node IDs occur more than once, which blocks are referenced and need an
 // anchor, which labels are ambiguous, and which repository table each table number denotes.
-// The second walk prints, recursing once per level of nesting.
+// The second walk prints, recursing once per level of nesting. Each node is printed by the
+// function of its form (SQORTextRequestInternal.h); the generic forms serve every kind
+// without a syntax of its own.
+//
+// The same printer gives a node's own fields for the comparison of two trees: printed alone,
+// without a gateway, its children as `_` and without annotations.
 
 #include <algorithm>
 #include <cstdint>
@@ -94,12 +99,48 @@ std::string EnumText(const EnumWord (&table)[N], int value) {
     return word != nullptr ? word : std::to_string(value);
 }
 
+// The grouping sets of a GROUP BY: `((0, 1), (0), ())`.
+std::string GroupingSets(const RqGroupBy& groupBy) {
+    std::string out = "(";
+    for (int i = 0; i < groupBy.GetNumGroupingSets(); ++i)
+        out += (i > 0 ? ", " : "") + IndexList(groupBy.GetIthGroupingSet(i));
+    return out + ")";
+}
+
+std::string Hex(const LogicalPlanBytes& bytes) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string out;
+    for (uint8_t b : bytes) {
+        out += kDigits[b >> 4];
+        out += kDigits[b & 15];
+    }
+    return out;
+}
+
+// Wider than an int: after a column numbered INT_MAX the generator has no place, so
+// `next=` always prints for such a projection.
+int64_t DefaultNextColumnNum(const RqProjection& projection) {
+    int64_t next = 0;
+    for (int i = 0; i < projection.GetNumChildren(); ++i) {
+        if (const auto* column = RqDynCast<RqDerivedColumn>(projection.GetIthChild(i)))
+            next = std::max(next, int64_t(column->GetColumnNum()) + 1);
+    }
+    return next;
+}
+
 class Writer {
 public:
-    Writer(const RqNode& root, const ARpGateway* rp) : m_root(root), m_pRp(rp) {}
+    enum class Mode {
+        kTree,       // the whole tree, as the text format has it
+        kOwnFields,  // the root's own fields only: children as `_`, no annotations
+    };
+
+    Writer(const RqNode& root, const ARpGateway* rp, Mode mode)
+        : m_root(root), m_pRp(rp), m_mode(mode) {}
 
     std::string Run() {
-        Scan();
+        if (m_mode == Mode::kTree)
+            Scan();
         WriteItem(&m_root, Target());
         m_out += '\n';
         return std::move(m_out);
@@ -117,23 +158,19 @@ private:
             const RqNode* node = work.back();
             work.pop_back();
             ++m_idCount[node->GetNodeID().GetNum()];
-            if (node->IsKindOf(kRqAbstractList)) {
-                const auto* list = static_cast<const RqAbstractList*>(node);
+            if (const auto* list = RqDynCast<RqAbstractList>(node)) {
                 lists.push_back(list);
                 if (!list->GetLabel().empty())
                     ++labelCount[list->GetLabel()];
             }
-            if (node->GetObjectType() == kRqDerivedColumnReference) {
-                const RqDerivedColumn* column =
-                    static_cast<const RqDerivedColumnReference*>(node)->GetDerivedColumn();
+            if (const auto* reference = RqDynCast<RqDerivedColumnReference>(node)) {
+                const RqDerivedColumn* column = reference->GetDerivedColumn();
                 if (column != nullptr && column->GetRqAbstractListContainer() != nullptr)
                     referenced.insert(column->GetRqAbstractListContainer());
-            } else if (node->GetObjectType() == kRqSharedList) {
-                if (const RqAbstractList* shared =
-                        static_cast<const RqSharedList*>(node)->GetSharedRqList())
-                    referenced.insert(shared);
-            } else if (node->IsKindOf(kRqIdentifiedTable)) {
-                const auto* table = static_cast<const RqIdentifiedTable*>(node);
+            } else if (const auto* shared = RqDynCast<RqSharedList>(node)) {
+                if (shared->GetSharedRqList() != nullptr)
+                    referenced.insert(shared->GetSharedRqList());
+            } else if (const auto* table = RqDynCast<RqIdentifiedTable>(node)) {
                 auto [it, added] = m_tableNums.emplace(table->GetTableNum(), table->GetTableID());
                 // A number that denotes two tables resolves no name.
                 if (!added && it->second != table->GetTableID())
@@ -222,6 +259,8 @@ private:
     // `[target=.. at=.. same=..]` for what differs from the parent's target and for a
     // shared identity; empty when there is nothing to say.
     std::string Annotation(const RqNode& node, const Target& parent) {
+        if (m_mode == Mode::kOwnFields)
+            return std::string();
         Words words;
         if (node.GetTargetType() != parent.m_type) {
             const wchar_t* name = ServerInfo::TargetTypeName(node.GetTargetType());
@@ -263,6 +302,14 @@ private:
         Writer& m_writer;
     };
 
+    // When printing a node's own fields, every other node prints as `_`.
+    bool Elided(const RqNode& node) {
+        if (m_mode == Mode::kTree || &node == &m_root)
+            return false;
+        m_out += '_';
+        return true;
+    }
+
     void Indent(int level) { m_out.append(static_cast<size_t>(level) * 2, ' '); }
 
     // ` {` + one line per item + `}`; items print at one level below the current line.
@@ -287,6 +334,13 @@ private:
         Body(node.GetNumChildren(), [&](int i) { WriteItem(node.GetIthChild(i), self); });
     }
 
+    // The head, its annotation, the children in braces.
+    void HeadAndChildren(const RqNode& node, const Target& parent, Words& head) {
+        head.Add(Annotation(node, parent));
+        m_out += head.Text();
+        ChildrenBody(node, TargetOf(node));
+    }
+
     // ---- Nodes -------------------------------------------------------------------------
 
     void WriteItem(const RqNode* node, const Target& parent) {
@@ -294,180 +348,99 @@ private:
             m_out += "none";
             return;
         }
-        Level level(*this);
-        if (node->IsExpr()) {
-            WriteExpr(static_cast<const RqExpr&>(*node), parent, kRqExprColumnList);
+        if (Elided(*node))
             return;
-        }
-        WriteNode(*node, parent);
+        Level level(*this);
+        if (const auto* expr = RqDynCast<RqExpr>(node))
+            WriteExpr(*expr, parent, kRqExprColumnList);
+        else
+            WriteNode(*node, parent);
     }
 
     void WriteNode(const RqNode& node, const Target& parent) {
-        const Target self = TargetOf(node);
         Words head;
         const RqNodeType_e kind = node.GetObjectType();
-        const char* keyword = NodeKeyword(kind);
-        head.Add(keyword != nullptr ? keyword : NodeKindName(kind));
-        switch (kind) {
-            case kRqList:
-            case kRqUnion:
-            case kRqIntersect:
-            case kRqExcept:
-            case kRqBreakFilter:
-            case kRqCacheList:
-            case kRqSharedList: {
-                ListHead(static_cast<const RqAbstractList&>(node), head);
-                head.Add(Annotation(node, parent));
-                m_out += head.Text();
-                // A block's clauses go to their slots by kind, so absent ones are left out.
-                std::vector<const RqNode*> items;
-                for (int i = 0; i < node.GetNumChildren(); ++i) {
-                    if (kind != kRqList || node.GetIthChild(i) != nullptr)
-                        items.push_back(node.GetIthChild(i));
-                }
-                Body(static_cast<int>(items.size()),
-                     [&](int i) { WriteItem(items[static_cast<size_t>(i)], self); });
-                // A head must not end in the `shared` flag: an absent item after it would
-                // read as `shared none`, a shared list.
-                if (items.empty() && static_cast<const RqAbstractList&>(node).IsShared())
-                    m_out += " {}";
-                return;
-            }
-            case kRqProjection: {
-                const auto& projection = static_cast<const RqProjection&>(node);
-                if (projection.PeekNextColumnNum() != DefaultNextColumnNum(projection))
-                    head.Add("next=" + std::to_string(projection.PeekNextColumnNum()));
-                head.Add(Annotation(node, parent));
-                m_out += head.Text();
-                Body(node.GetNumChildren(), [&](int i) {
-                    const RqNode* child = node.GetIthChild(i);
-                    if (child != nullptr && child->GetObjectType() == kRqDerivedColumn) {
-                        Level level(*this);
-                        WriteColumn(static_cast<const RqDerivedColumn&>(*child), self);
-                    } else {
-                        WriteItem(child, self);
-                    }
-                });
-                return;
-            }
-            case kRqDerivedColumn:
+        const char* keyword = FormWord(kind);
+        head.Add(keyword != nullptr ? keyword : KindName(kind));
+        switch (NodeFormOf(kind)) {
+            case NodeForm::kGeneric:
+            case NodeForm::kRequest:
+                return WriteGeneric(node, parent, head);
+            case NodeForm::kList:
+                return WriteList(*RqCast<RqAbstractList>(&node), parent, head);
+            case NodeForm::kSelect:
+                return WriteSelect(*RqCast<RqProjection>(&node), parent, head);
+            case NodeForm::kColumn:
                 m_out += head.Text() + " ";
-                WriteColumn(static_cast<const RqDerivedColumn&>(node), parent);
-                return;
-            case kRqDetailFilter:
-            case kRqSummaryFilter:
-            case kRqHaving:
+                return WriteColumn(*RqCast<RqDerivedColumn>(&node), parent);
+            case NodeForm::kFilter:
                 head.Add(Annotation(node, parent));
                 m_out += head.Text() + " ";
-                WriteItem(node.GetNumChildren() > 0 ? node.GetIthChild(0) : nullptr, self);
-                return;
-            case kRqGroupBy: {
-                const auto& groupBy = static_cast<const RqGroupBy&>(node);
-                if (groupBy.GetInternalExecutionMode() != RqGroupBy::kUnknown)
-                    head.Add("mode=" +
-                             EnumText(kGroupByModeWords, groupBy.GetInternalExecutionMode()));
-                head.Add(Annotation(node, parent));
+                return WriteItem(node.GetNumChildren() > 0 ? node.GetIthChild(0) : nullptr,
+                                 TargetOf(node));
+            case NodeForm::kGroupBy:
+                return WriteGroupBy(*RqCast<RqGroupBy>(&node), parent, head);
+            case NodeForm::kOrderBy:
+                return WriteOrderBy(*RqCast<RqOrderBy>(&node), parent, head);
+            case NodeForm::kSortKey:
                 m_out += head.Text() + " ";
-                WriteSlotExpr(node.GetNumChildren() > 0 ? node.GetIthChild(0) : nullptr, self,
-                              kRqExprColumnListOrdered);
-                if (node.GetNumChildren() > 1 && node.GetIthChild(1) != nullptr) {
-                    m_out += " granularity ";
-                    WriteSlotExpr(node.GetIthChild(1), self, kRqExprColumnListOrdered);
-                }
-                return;
-            }
-            case kRqOrderBy:
-                WriteOrderBy(static_cast<const RqOrderBy&>(node), parent, head);
-                return;
-            case kRqSortSpec:
-                m_out += head.Text() + " ";
-                WriteSortSpec(static_cast<const RqSortSpec&>(node), parent);
-                return;
-            case kRqJoinSpec:
-                WriteJoinSpec(node, parent, head);
-                return;
-            case kRqJoinNode:
-                if (static_cast<const RqJoinNode&>(node).IsPreserved())
+                return WriteSortSpec(*RqCast<RqSortSpec>(&node), parent);
+            case NodeForm::kFrom:
+                return WriteJoinSpec(node, parent, head);
+            case NodeForm::kJoinNode:
+                if (RqCast<RqJoinNode>(&node)->IsPreserved())
                     head.Add("preserved");
-                head.Add(Annotation(node, parent));
-                m_out += head.Text();
-                ChildrenBody(node, self);
-                return;
-            case kRqTableReference:
-                WriteTableReference(static_cast<const RqTableReference&>(node), parent, false);
-                return;
-            case kRqJoinLink:
+                return HeadAndChildren(node, parent, head);
+            case NodeForm::kJoin:
+                return WriteTableReference(*RqCast<RqTableReference>(&node), parent, false);
+            case NodeForm::kLink:
                 // Links name join nodes by position in their join spec; outside of one
                 // they name nothing.
                 head.Add("none -> none");
-                head.Add(Annotation(node, parent));
-                m_out += head.Text();
-                return;
-            case kRqEntity: {
-                const auto& entity = static_cast<const RqEntity&>(node);
-                if (!entity.GetID().IsNullID())
-                    head.Add("id=" + RawID(entity.GetID()));
-                if (!entity.GetName().empty())
-                    head.Add("name=" + RqTextOut::Name(Utf8(entity.GetName())));
-                head.Add(Annotation(node, parent));
-                m_out += head.Text();
-                ChildrenBody(node, self);
-                return;
-            }
-            case kRqCache:
-            case kRqXSACache: {
+                return HeadAndChildren(node, parent, head);
+            case NodeForm::kTable:
+                WriteTableHead(*RqCast<RqAbstractTable>(&node), head);
+                return HeadAndChildren(node, parent, head);
+            case NodeForm::kEntity:
+                MetadataFields(node, [&](const std::string& field) { head.Add(field); });
+                return HeadAndChildren(node, parent, head);
+            case NodeForm::kCache: {
                 LogicalPlanBytes plan;
-                static_cast<const RqCache&>(node).GetLogicalPlan(plan);
+                RqCast<RqCache>(&node)->GetLogicalPlan(plan);
                 if (!plan.empty())
                     head.Add("plan=" + RqTextOut::Quote(Hex(plan)));
-                head.Add(Annotation(node, parent));
-                m_out += head.Text();
-                ChildrenBody(node, self);
-                return;
+                return HeadAndChildren(node, parent, head);
             }
-            default:
-                break;
         }
-        if (node.IsKindOf(kRqAbstractTable)) {
-            WriteTableHead(static_cast<const RqAbstractTable&>(node), head);
-            head.Add(Annotation(node, parent));
-            m_out += head.Text();
-            ChildrenBody(node, self);
-            return;
-        }
-        // Every other node: its kind name, its name field when its class has one (an empty
-        // name only on a node without children, where a string expression after it would
-        // otherwise read as the name), its children.
+    }
+
+    // Its kind name, its name field when its class has one (an empty name only on a node
+    // without children, where a string expression after it would otherwise read as the
+    // name), its children.
+    void WriteGeneric(const RqNode& node, const Target& parent, Words& head) {
         std::string name;
-        if (GetNodeName(node, name) && (!name.empty() || node.GetNumChildren() == 0))
+        if (GetNameField(node, name) && (!name.empty() || node.GetNumChildren() == 0))
             head.Add(RqTextOut::Quote(name));
-        head.Add(Annotation(node, parent));
+        HeadAndChildren(node, parent, head);
+    }
+
+    void WriteList(const RqAbstractList& list, const Target& parent, Words& head) {
+        ListHead(list, head);
+        head.Add(Annotation(list, parent));
         m_out += head.Text();
-        ChildrenBody(node, self);
-    }
-
-    // Wider than an int: after a column numbered INT_MAX the generator has no place, so
-    // `next=` always prints for such a projection.
-    static int64_t DefaultNextColumnNum(const RqProjection& projection) {
-        int64_t next = 0;
-        for (int i = 0; i < projection.GetNumChildren(); ++i) {
-            const RqNode* child = projection.GetIthChild(i);
-            if (child != nullptr && child->GetObjectType() == kRqDerivedColumn) {
-                const int64_t num = static_cast<const RqDerivedColumn*>(child)->GetColumnNum();
-                next = std::max(next, num + 1);
-            }
+        // A block's clauses go to their slots by kind, so absent ones are left out.
+        const bool block = list.IsKindOf(kRqList);
+        std::vector<const RqNode*> items;
+        for (int i = 0; i < list.GetNumChildren(); ++i) {
+            if (!block || list.GetIthChild(i) != nullptr)
+                items.push_back(list.GetIthChild(i));
         }
-        return next;
-    }
-
-    static std::string Hex(const LogicalPlanBytes& bytes) {
-        static const char kDigits[] = "0123456789abcdef";
-        std::string out;
-        for (uint8_t b : bytes) {
-            out += kDigits[b >> 4];
-            out += kDigits[b & 15];
-        }
-        return out;
+        Body(static_cast<int>(items.size()),
+             [&](int i) { WriteItem(items[static_cast<size_t>(i)], TargetOf(list)); });
+        // A head must not end in the `shared` flag: an absent item after it would read as
+        // `shared none`, a shared list.
+        if (items.empty() && list.IsShared())
+            m_out += " {}";
     }
 
     // `@label`/`$n` of a block, shared by the heads and the references that name it.
@@ -481,53 +454,30 @@ private:
     }
 
     void ListHead(const RqAbstractList& list, Words& head) {
-        if (list.GetObjectType() == kRqSharedList) {
-            const RqAbstractList* shared = static_cast<const RqSharedList&>(list).GetSharedRqList();
-            if (shared == nullptr)
-                head.Add("none");
-            else if (m_lists.count(shared) == 0)
-                head.Add("outside");
-            else
-                head.Add(ListName(*shared));
+        if (const auto* shared = RqDynCast<RqSharedList>(&list)) {
+            const RqAbstractList* target = shared->GetSharedRqList();
+            head.Add(target == nullptr            ? "none"
+                     : m_lists.count(target) == 0 ? "outside"
+                                                  : ListName(*target));
         }
         if (!list.GetLabel().empty())
             head.Add(RqTextOut::Label(Utf8(list.GetLabel())));
         const auto it = m_lists.find(&list);
         if (it != m_lists.end() && it->second > 0)
             head.Add("$" + std::to_string(it->second));
-        switch (list.GetObjectType()) {
-            case kRqList: {
-                const auto& block = static_cast<const RqList&>(list);
-                if (block.IsDistinct())
-                    head.Add("distinct");
-                if (block.IsArtifactListNode())
-                    head.Add("artifact");
-                break;
-            }
-            case kRqUnion:
-                if (static_cast<const RqUnion&>(list).IsAll())
-                    head.Add("all");
-                break;
-            case kRqIntersect:
-                if (static_cast<const RqIntersect&>(list).IsAll())
-                    head.Add("all");
-                break;
-            case kRqExcept:
-                if (static_cast<const RqExcept&>(list).IsAll())
-                    head.Add("all");
-                break;
-            case kRqBreakFilter:
-                head.Add("cols=" +
-                         IndexList(static_cast<const RqBreakFilter&>(list).BreakColumnIndexes()));
-                break;
-            case kRqCacheList: {
-                const ZKString& marker = static_cast<const RqCacheList&>(list).GetMarker();
-                if (!marker.empty())
-                    head.Add("marker=" + RqTextOut::Quote(Utf8(marker)));
-                break;
-            }
-            default:
-                break;
+        bool all = false;
+        if (const auto* block = RqDynCast<RqList>(&list)) {
+            if (block->IsDistinct())
+                head.Add("distinct");
+            if (block->IsArtifactListNode())
+                head.Add("artifact");
+        } else if (GetAllFlag(list, all) && all) {
+            head.Add("all");
+        } else if (const auto* filter = RqDynCast<RqBreakFilter>(&list)) {
+            head.Add("cols=" + IndexList(filter->BreakColumnIndexes()));
+        } else if (const auto* cached = RqDynCast<RqCacheList>(&list)) {
+            if (!cached->GetMarker().empty())
+                head.Add("marker=" + RqTextOut::Quote(Utf8(cached->GetMarker())));
         }
         if (list.IsShared())
             head.Add("shared");
@@ -539,7 +489,26 @@ private:
             head.Add("offset=" + std::to_string(list.GetRowOffset()));
     }
 
+    void WriteSelect(const RqProjection& projection, const Target& parent, Words& head) {
+        if (projection.PeekNextColumnNum() != DefaultNextColumnNum(projection))
+            head.Add("next=" + std::to_string(projection.PeekNextColumnNum()));
+        head.Add(Annotation(projection, parent));
+        m_out += head.Text();
+        const Target self = TargetOf(projection);
+        Body(projection.GetNumChildren(), [&](int i) {
+            const RqNode* child = projection.GetIthChild(i);
+            if (const auto* column = RqDynCast<RqDerivedColumn>(child)) {
+                Level level(*this);
+                WriteColumn(*column, self);
+            } else {
+                WriteItem(child, self);
+            }
+        });
+    }
+
     void WriteColumn(const RqDerivedColumn& column, const Target& parent) {
+        if (Elided(column))
+            return;
         Words head;
         head.Add(std::to_string(column.GetColumnNum()));
         int status = column.GetBreakStatus();
@@ -556,6 +525,23 @@ private:
         WriteItem(column.GetNumChildren() > 0 ? column.GetIthChild(0) : nullptr, TargetOf(column));
     }
 
+    // `groupby [mode=] (columns) [sets (...)] [granularity (...)]`.
+    void WriteGroupBy(const RqGroupBy& groupBy, const Target& parent, Words& head) {
+        if (groupBy.GetInternalExecutionMode() != RqGroupBy::kUnknown)
+            head.Add("mode=" + EnumText(kGroupByModeWords, groupBy.GetInternalExecutionMode()));
+        head.Add(Annotation(groupBy, parent));
+        m_out += head.Text() + " ";
+        const Target self = TargetOf(groupBy);
+        const int count = groupBy.GetNumChildren();
+        WriteSlotExpr(count > 0 ? groupBy.GetIthChild(0) : nullptr, self, kRqExprColumnListOrdered);
+        if (groupBy.IsGroupingSets())
+            m_out += " sets " + GroupingSets(groupBy);
+        if (count > 1 && groupBy.GetIthChild(1) != nullptr) {
+            m_out += " granularity ";
+            WriteSlotExpr(groupBy.GetIthChild(1), self, kRqExprColumnListOrdered);
+        }
+    }
+
     void WriteOrderBy(const RqOrderBy& orderBy, const Target& parent, Words& head) {
         if (orderBy.IsSticky())
             head.Add("sticky");
@@ -569,19 +555,21 @@ private:
         for (int i = 0; i < orderBy.GetNumChildren(); ++i) {
             m_out += i == 0 ? " " : ", ";
             const RqNode* child = orderBy.GetIthChild(i);
-            if (child == nullptr) {
-                m_out += "none";
-            } else if (child->GetObjectType() == kRqSortSpec) {
+            if (const auto* spec = RqDynCast<RqSortSpec>(child)) {
                 Level level(*this);
-                WriteSortSpec(static_cast<const RqSortSpec&>(*child), self);
-            } else {
+                WriteSortSpec(*spec, self);
+            } else if (child != nullptr) {
                 m_out += "push ";
                 WriteItem(child, self);
+            } else {
+                m_out += "none";
             }
         }
     }
 
     void WriteSortSpec(const RqSortSpec& spec, const Target& parent) {
+        if (Elided(spec))
+            return;
         Words words;
         words.Add(std::to_string(spec.GetColumnNumber()));
         if (spec.GetSortDirection() != RqSortSpec::kAsc)
@@ -610,18 +598,18 @@ private:
         };
         Body(spec.GetNumChildren(), [&](int i) {
             const RqNode* child = spec.GetIthChild(i);
-            if (child != nullptr && child->GetObjectType() == kRqJoinLink) {
-                const auto& link = static_cast<const RqJoinLink&>(*child);
-                Words words;
-                words.Add("link " + position(link.GetFrom()) + " -> " + position(link.GetTo()));
-                words.Add(Annotation(link, self));
-                m_out += words.Text();
+            if (child != nullptr && Elided(*child))
                 return;
-            }
-            if (child != nullptr && child->GetObjectType() == kRqJoinNode)
-                WriteJoinNode(static_cast<const RqJoinNode&>(*child), self);
-            else
+            if (const auto* link = RqDynCast<RqJoinLink>(child)) {
+                Words words;
+                words.Add("link " + position(link->GetFrom()) + " -> " + position(link->GetTo()));
+                words.Add(Annotation(*link, self));
+                m_out += words.Text();
+            } else if (const auto* joinNode = RqDynCast<RqJoinNode>(child)) {
+                WriteJoinNode(*joinNode, self);
+            } else {
                 WriteItem(child, self);
+            }
         });
     }
 
@@ -629,31 +617,26 @@ private:
     // just the table when the reference joins nothing), the node's flag going with it.
     void WriteJoinNode(const RqJoinNode& joinNode, const Target& parent) {
         Level level(*this);
-        const RqNode* only = joinNode.GetNumChildren() == 1 ? joinNode.GetIthChild(0) : nullptr;
-        if (only == nullptr || only->GetObjectType() != kRqTableReference) {
-            WriteNode(joinNode, parent);
-            return;
-        }
+        const auto* reference = joinNode.GetNumChildren() == 1
+                                    ? RqDynCast<RqTableReference>(joinNode.GetIthChild(0))
+                                    : nullptr;
         // The node's annotation would have no place in the fused form.
-        if (NeedsAnnotation(joinNode, parent)) {
+        if (reference == nullptr || NeedsAnnotation(joinNode, parent)) {
             WriteNode(joinNode, parent);
             return;
         }
-        const auto& reference = static_cast<const RqTableReference&>(*only);
-        const RqNode* left = reference.GetNumChildren() == 3 ? reference.GetIthChild(0) : nullptr;
+        const RqNode* left = reference->GetNumChildren() == 3 ? reference->GetIthChild(0) : nullptr;
         const bool simple =
-            !joinNode.IsPreserved() && reference.GetNumChildren() == 3 && left != nullptr &&
-            left->IsKindOf(kRqAbstractTable) && reference.GetIthChild(1) == nullptr &&
-            reference.GetIthChild(2) == nullptr &&
-            reference.GetJoinType() == SqlTableRef::kInnerJoin &&
-            reference.GetDrivingTableHint() == RqTableReference::kDriving_UnknownTable &&
-            reference.GetLeftJoinColumnIndexes().empty() &&
-            reference.GetRightJoinColumnIndexes().empty() && !NeedsAnnotation(reference, parent);
-        if (simple) {
+            !joinNode.IsPreserved() && left != nullptr && left->IsKindOf(kRqAbstractTable) &&
+            reference->GetIthChild(1) == nullptr && reference->GetIthChild(2) == nullptr &&
+            reference->GetJoinType() == SqlTableRef::kInnerJoin &&
+            reference->GetDrivingTableHint() == RqTableReference::kDriving_UnknownTable &&
+            reference->GetLeftJoinColumnIndexes().empty() &&
+            reference->GetRightJoinColumnIndexes().empty() && !NeedsAnnotation(*reference, parent);
+        if (simple)
             WriteItem(left, parent);
-            return;
-        }
-        WriteTableReference(reference, parent, joinNode.IsPreserved());
+        else
+            WriteTableReference(*reference, parent, joinNode.IsPreserved());
     }
 
     void WriteTableReference(const RqTableReference& reference, const Target& parent,
@@ -671,7 +654,6 @@ private:
             head.Add("preserved");
         head.Add(Annotation(reference, parent));
         m_out += head.Text();
-        const Target self = TargetOf(reference);
         std::vector<std::pair<const char*, const RqNode*>> items;
         const int count = reference.GetNumChildren();
         items.emplace_back("", count > 0 ? reference.GetIthChild(0) : nullptr);
@@ -681,49 +663,63 @@ private:
             items.emplace_back("on ", reference.GetIthChild(2));
         Body(static_cast<int>(items.size()), [&](int i) {
             m_out += items[static_cast<size_t>(i)].first;
-            WriteItem(items[static_cast<size_t>(i)].second, self);
+            WriteItem(items[static_cast<size_t>(i)].second, TargetOf(reference));
         });
     }
 
     void WriteTableHead(const RqAbstractTable& table, Words& head) {
-        if (table.IsKindOf(kRqIdentifiedTable))
-            head.Add(TableIDText(static_cast<const RqIdentifiedTable&>(table).GetTableID()));
-        else if (table.GetObjectType() == kRqExternalTable)
-            head.Add(RqTextOut::Quote(Utf8(static_cast<const RqExternalTable&>(table).GetName())));
+        if (const auto* identified = RqDynCast<RqIdentifiedTable>(&table))
+            head.Add(TableIDText(identified->GetTableID()));
+        else if (const auto* external = RqDynCast<RqExternalTable>(&table))
+            head.Add(RqTextOut::Quote(Utf8(external->GetName())));
         head.Add(TableNumText(table.GetTableNum()));
-        if (table.GetObjectType() == kRqTransientOpaqueTable) {
-            const auto& types =
-                static_cast<const RqTransientOpaqueTable&>(table).GetColumnTypeInfos();
-            if (!types.empty())
-                head.Add("types=" + StringList(types));
-        } else if (table.GetObjectType() == kRqDerivedTable) {
-            const int nesting = static_cast<const RqDerivedTable&>(table).GetNestingLevel();
-            if (nesting != 0)
-                head.Add("nesting=" + std::to_string(nesting));
+        if (const auto* transient = RqDynCast<RqTransientOpaqueTable>(&table)) {
+            if (!transient->GetColumnTypeInfos().empty())
+                head.Add("types=" + StringList(transient->GetColumnTypeInfos()));
+        } else if (const auto* derived = RqDynCast<RqDerivedTable>(&table)) {
+            if (derived->GetNestingLevel() != 0)
+                head.Add("nesting=" + std::to_string(derived->GetNestingLevel()));
         }
+    }
+
+    // `id=` and `name=` of a metadata reference, each when it is set.
+    template <class F>
+    static void MetadataFields(const RqNode& node, const F& field) {
+        VoidID id;
+        ZKString name;
+        GetMetadata(node, id, name);
+        if (!id.IsNullID())
+            field("id=" + RawID(id));
+        if (!name.empty())
+            field("name=" + RqTextOut::Name(Utf8(name)));
     }
 
     // ---- Expressions ---------------------------------------------------------------------
 
     // An expression in a slot whose column lists print as bare tuples of `tupleKind`.
     void WriteSlotExpr(const RqNode* node, const Target& parent, RqNodeType_e tupleKind) {
-        if (node == nullptr || !node->IsExpr()) {
+        const auto* expr = RqDynCast<RqExpr>(node);
+        if (expr == nullptr) {
             WriteItem(node, parent);
             return;
         }
         Level level(*this);
-        WriteExpr(static_cast<const RqExpr&>(*node), parent, tupleKind);
+        WriteExpr(*expr, parent, tupleKind);
+    }
+
+    static bool IsSortedColumnList(const RqExpr& expr) {
+        const auto* list = RqDynCast<RqExprColumnList>(&expr);
+        return list != nullptr && list->IsSorted();
     }
 
     // The functions on the path of nested expressions (WriteItem, WriteExpr, WriteCall) keep
     // their frames small; leaves and fields are printed by functions of their own.
     void WriteExpr(const RqExpr& expr, const Target& parent, RqNodeType_e tupleKind) {
+        if (Elided(expr))
+            return;
         const std::string annotation = Annotation(expr, parent);
         const Target self = TargetOf(expr);
-        const RqNodeType_e kind = expr.GetObjectType();
-        if (WriteLeaf(expr)) {
-        } else if (kind == tupleKind && !(kind == kRqExprColumnList &&
-                                          static_cast<const RqExprColumnList&>(expr).IsSorted())) {
+        if (expr.GetObjectType() == tupleKind && !IsSortedColumnList(expr)) {
             m_out += '(';
             for (int i = 0; i < expr.GetNumChildren(); ++i) {
                 if (i > 0)
@@ -731,7 +727,7 @@ private:
                 WriteItem(expr.GetIthChild(i), self);
             }
             m_out += ')';
-        } else {
+        } else if (!WriteLeaf(expr)) {
             WriteCall(expr, self);
         }
         if (!annotation.empty()) {
@@ -743,61 +739,49 @@ private:
     // Literals, columns and references; false for the other expressions.
     bool WriteLeaf(const RqExpr& expr) {
         const RqNodeType_e kind = expr.GetObjectType();
-        switch (kind) {
-            case kRqTargetColumn:
-            case kRqTargetCubeColumn:
-            case kRqTargetCacheColumn: {
-                const auto& column = static_cast<const RqTargetColumn&>(expr);
-                if (kind == kRqTargetCubeColumn)
-                    m_out += "cubecol ";
-                else if (kind == kRqTargetCacheColumn)
-                    m_out += "cachecol ";
-                m_out +=
-                    TableNumText(column.GetTableNum()) + "." +
-                    RqTextOut::Name(Utf8(column.GetName())) +
-                    ColumnIDSuffix(column.GetTableNum(), column.GetName(), column.GetColumnID());
+        ZKString text;
+        switch (ExprFormOf(kind)) {
+            case ExprForm::kCall:
+            case ExprForm::kAggregate:
+            case ExprForm::kNamed:
+            case ExprForm::kMetadata:
+            case ExprForm::kCast:
+            case ExprForm::kExternalData:
+            case ExprForm::kColumnList:
+                return false;
+            case ExprForm::kInteger:
+                m_out += std::to_string(RqCast<RqExprIntegerLiteral>(&expr)->GetValue());
                 return true;
-            }
-            case kRqDerivedColumnReference:
-                WriteReference(static_cast<const RqDerivedColumnReference&>(expr));
+            case ExprForm::kFloat:
+                m_out += RqTextOut::Float(RqCast<RqExprFloatLiteral>(&expr)->GetValue());
                 return true;
-            case kRqExprStringLiteral:
-                m_out += RqTextOut::Quote(
-                    Utf8(static_cast<const RqExprStringLiteral&>(expr).GetValue()));
+            case ExprForm::kString:
+                GetTextValue(expr, text);
+                m_out += RqTextOut::Quote(Utf8(text));
                 return true;
-            case kRqExprIntegerLiteral:
-                m_out += std::to_string(static_cast<const RqExprIntegerLiteral&>(expr).GetValue());
+            case ExprForm::kTypedText:
+                GetTextValue(expr, text);
+                m_out += std::string(FormWord(kind)) + " " + RqTextOut::Quote(Utf8(text));
                 return true;
-            case kRqExprFloatLiteral:
-                m_out += RqTextOut::Float(static_cast<const RqExprFloatLiteral&>(expr).GetValue());
-                return true;
-            case kRqExprDateLiteral:
-                TextLiteral("date", static_cast<const RqExprDateLiteral&>(expr).GetValue());
-                return true;
-            case kRqExprTimeLiteral:
-                TextLiteral("time", static_cast<const RqExprTimeLiteral&>(expr).GetValue());
-                return true;
-            case kRqExprDateTimeLiteral:
-                TextLiteral("datetime", static_cast<const RqExprDateTimeLiteral&>(expr).GetValue());
-                return true;
-            case kRqExprIntervalLiteral:
-                TextLiteral("interval", static_cast<const RqExprIntervalLiteral&>(expr).GetValue());
-                return true;
-            case kRqExprNumberLiteral:
-                TextLiteral("number", static_cast<const RqExprNumberLiteral&>(expr).GetValue());
-                return true;
-            case kRqExprNullLiteral:
+            case ExprForm::kNull:
                 m_out += "null";
                 return true;
-            default:
-                return false;
+            case ExprForm::kTargetColumn:
+                WriteTargetColumn(*RqCast<RqTargetColumn>(&expr));
+                return true;
+            case ExprForm::kReference:
+                WriteReference(*RqCast<RqDerivedColumnReference>(&expr));
+                return true;
         }
+        return false;
     }
 
-    void TextLiteral(const char* word, const ZKString& value) {
-        m_out += word;
-        m_out += ' ';
-        m_out += RqTextOut::Quote(Utf8(value));
+    void WriteTargetColumn(const RqTargetColumn& column) {
+        if (const char* word = FormWord(column.GetObjectType()))
+            m_out += std::string(word) + " ";
+        m_out += TableNumText(column.GetTableNum()) + "." +
+                 RqTextOut::Name(Utf8(column.GetName())) +
+                 ColumnIDSuffix(column.GetTableNum(), column.GetName(), column.GetColumnID());
     }
 
     void WriteReference(const RqDerivedColumnReference& reference) {
@@ -816,7 +800,7 @@ private:
 
     // `Name(operands, key=value, flag)`.
     void WriteCall(const RqExpr& expr, const Target& self) {
-        m_out += ExprKindName(expr.GetObjectType());
+        m_out += KindName(expr.GetObjectType());
         m_out += '(';
         bool first = true;
         auto separate = [&]() {
@@ -825,7 +809,7 @@ private:
             first = false;
         };
         const int count = expr.GetNumChildren();
-        if (expr.IsKindOf(kRqExprAggr)) {
+        if (ExprFormOf(expr.GetObjectType()) == ExprForm::kAggregate) {
             // Positional: the measure, then the parameters; the two column lists by key.
             const bool hasParams = count > RqExprAggr::kFirstParameter;
             if (count > 0 && (expr.GetIthChild(0) != nullptr || hasParams)) {
@@ -859,86 +843,72 @@ private:
     // The fields and flags of a call, after its operands.
     static std::vector<std::string> CallFields(const RqExpr& expr) {
         std::vector<std::string> fields;
-        if (expr.IsKindOf(kRqExprAggr)) {
-            if (const auto* sorted = dynamic_cast<const RqExprSortDependentAggr*>(&expr)) {
-                if (!sorted->GetSortSpec().empty()) {
-                    std::string keys = "sort=(";
-                    for (size_t i = 0; i < sorted->GetSortSpec().size(); ++i) {
-                        const auto& key = sorted->GetSortSpec()[i];
-                        if (i > 0)
-                            keys += ", ";
-                        keys += std::to_string(key.m_columnNumber);
-                        if (key.m_direction != RqSortSpec::kAsc)
-                            keys += " " + EnumText(kDirectionWords, key.m_direction);
-                    }
-                    fields.push_back(keys + ")");
-                }
-            }
-            const auto& aggr = static_cast<const RqExprAggr&>(expr);
-            const std::pair<bool, const char*> flags[] = {
-                {aggr.IsDistinctAggregation(), "distinct"},
-                {aggr.IsSQL99Aggregation(), "sql99"},
-                {aggr.HasDistinctComputeBreak(), "distinctcompute"},
-                {aggr.HasExplicitGrain(), "grain"},
-                {aggr.IsAnalytic(), "analytic"},
-                {!aggr.IsInstantiated(), "uninstantiated"},
-            };
-            for (const auto& [set, word] : flags) {
-                if (set)
-                    fields.push_back(word);
-            }
-        }
         auto field = [&](const std::string& text) { fields.push_back(text); };
-        switch (expr.GetObjectType()) {
-            case kRqExprParam:
-                field("name=" +
-                      RqTextOut::Name(Utf8(static_cast<const RqExprParam&>(expr).GetName())));
+        std::string name;
+        switch (ExprFormOf(expr.GetObjectType())) {
+            case ExprForm::kAggregate:
+                AggregateFields(*RqCast<RqExprAggr>(&expr), field);
                 break;
-            case kRqExprSessionVar:
-                field("name=" +
-                      RqTextOut::Name(Utf8(static_cast<const RqExprSessionVar&>(expr).GetName())));
+            case ExprForm::kNamed:
+                GetNameField(expr, name);
+                field("name=" + RqTextOut::Name(name));
                 break;
-            case kRqAttribute:
-                MetadataFields(static_cast<const RqAttribute&>(expr), field);
+            case ExprForm::kMetadata:
+                MetadataFields(expr, field);
                 break;
-            case kRqExprDimension:
-                MetadataFields(static_cast<const RqExprDimension&>(expr), field);
+            case ExprForm::kCast:
+                field("type=" + RqTextOut::Name(Utf8(RqCast<RqExprCast>(&expr)->GetTypeName())));
                 break;
-            case kRqExprLevel:
-                MetadataFields(static_cast<const RqExprLevel&>(expr), field);
-                break;
-            case kRqExprCast:
-                field("type=" +
-                      RqTextOut::Name(Utf8(static_cast<const RqExprCast&>(expr).GetTypeName())));
-                break;
-            case kRqExprExternalData: {
-                const auto& data = static_cast<const RqExprExternalData&>(expr);
-                if (data.GetForm() != RqExprExternalData::kUnknownData)
-                    field("form=" + EnumText(kExternalFormWords, data.GetForm()));
-                if (!data.GetData().empty())
-                    field("data=" + RqTextOut::Quote(Utf8(data.GetData())));
+            case ExprForm::kExternalData: {
+                const auto* data = RqCast<RqExprExternalData>(&expr);
+                if (data->GetForm() != RqExprExternalData::kUnknownData)
+                    field("form=" + EnumText(kExternalFormWords, data->GetForm()));
+                if (!data->GetData().empty())
+                    field("data=" + RqTextOut::Quote(Utf8(data->GetData())));
                 break;
             }
-            case kRqExprColumnList:
-                if (static_cast<const RqExprColumnList&>(expr).IsSorted())
+            case ExprForm::kColumnList:
+                if (IsSortedColumnList(expr))
                     field("sorted");
                 break;
-            default:
+            case ExprForm::kCall:
+            case ExprForm::kInteger:
+            case ExprForm::kFloat:
+            case ExprForm::kString:
+            case ExprForm::kTypedText:
+            case ExprForm::kNull:
+            case ExprForm::kTargetColumn:
+            case ExprForm::kReference:
                 break;
         }
         return fields;
     }
 
-    template <class M, class F>
-    static void MetadataFields(const M& expr, const F& field) {
-        if (!expr.GetID().IsNullID())
-            field("id=" + RawID(expr.GetID()));
-        if (!expr.GetName().empty())
-            field("name=" + RqTextOut::Name(Utf8(expr.GetName())));
+    // `sort=(...)` of a sort-dependent aggregate, then the flags that are set.
+    template <class F>
+    static void AggregateFields(const RqExprAggr& aggr, const F& field) {
+        if (const auto* sorted = RqDynCast<RqExprSortDependentAggr>(&aggr)) {
+            if (!sorted->GetSortSpec().empty()) {
+                std::string keys = "sort=(";
+                for (size_t i = 0; i < sorted->GetSortSpec().size(); ++i) {
+                    const auto& key = sorted->GetSortSpec()[i];
+                    keys += (i > 0 ? ", " : "") + std::to_string(key.m_columnNumber);
+                    if (key.m_direction != RqSortSpec::kAsc)
+                        keys += " " + EnumText(kDirectionWords, key.m_direction);
+                }
+                field(keys + ")");
+            }
+        }
+        const int flags = GetAggrFlags(aggr);
+        for (const EnumWord& word : kAggrFlagWords) {
+            if ((flags & word.m_value) != 0)
+                field(word.m_word);
+        }
     }
 
     const RqNode& m_root;
     const ARpGateway* m_pRp;
+    const Mode m_mode;
     std::string m_out;
     int m_depth = 0;
     int m_lineIndent = 0;
@@ -955,5 +925,9 @@ private:
 }  // namespace
 
 std::string RqTextWriter::Write(const RqNode& root, const ARpGateway* rp) {
-    return Writer(root, rp).Run();
+    return Writer(root, rp, Writer::Mode::kTree).Run();
+}
+
+std::string rqtext::OwnFieldsText(const RqNode& node) {
+    return Writer(node, nullptr, Writer::Mode::kOwnFields).Run();
 }
