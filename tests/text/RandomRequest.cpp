@@ -262,6 +262,15 @@ private:
                           : roll == 1 ? Expr(1)
                                       : ColumnList(kRqExprColumnListOrdered, 1));
         groupBy->AddChild(m_rng.Chance(20) ? ColumnList(kRqExprColumnListOrdered, 1) : nullptr);
+        // Grouping sets: each a few distinct positions of the column list, in any order.
+        for (int sets = m_rng.Chance(30) ? 1 + m_rng.Below(4) : 0; sets > 0; --sets) {
+            UInt16Vector set;
+            for (int i = 0; i < groupBy->GetNumColumns(); ++i) {
+                if (m_rng.Chance(50))
+                    set.insert(set.begin() + m_rng.Below(int(set.size()) + 1), uint16_t(i));
+            }
+            groupBy->AddGroupingSet(set);
+        }
         return groupBy;
     }
 

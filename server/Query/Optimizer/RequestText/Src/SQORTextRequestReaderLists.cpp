@@ -254,8 +254,9 @@ void RequestReader::ParseGroupingSets(RqGroupBy& groupBy) {
                 const RqToken at = m_lex.Peek();
                 const int64_t position = m_lex.ExpectInteger("a column position");
                 if (position < 0 || position >= columns)
-                    Fail(at, "the groupby has no column at position " + std::to_string(position) +
-                                 " (it has " + std::to_string(columns) + ")");
+                    Fail(at, "grouping set position " + std::to_string(position) +
+                                 " out of range: the groupby has " + std::to_string(columns) +
+                                 (columns == 1 ? " column" : " columns"));
                 if (std::find(set.begin(), set.end(), position) != set.end())
                     Fail(at, "position " + std::to_string(position) +
                                  " appears twice in a grouping set");
