@@ -10,12 +10,12 @@
 #include "Platform/CompatFlags.h"
 #include "Platform/ErrorMessage.h"
 #include "Query/Optimizer/RequestText/SQORTextCatalog.h"
-#include "SampleFiles.h"
+#include "TextTestSupport.h"
 
 namespace {
 
 std::string ReadSampleCatalog() {
-    return samplefiles::ReadText(samplefiles::RepositoryRoot() / "examples/sales.catalog");
+    return texttest::ReadText(texttest::RepositoryRoot() / "examples/sales.catalog");
 }
 
 // Every object with its identifier and what it refers to, in repository order, so that two

@@ -17,7 +17,7 @@
 #include "Query/Optimizer/Request/SQORRqVerifier.h"
 #include "Query/Optimizer/RequestText/SQORTextCatalog.h"
 #include "Query/Optimizer/RequestText/SQORTextRequest.h"
-#include "SampleFiles.h"
+#include "TextTestSupport.h"
 
 namespace {
 
@@ -31,9 +31,9 @@ std::vector<std::string> Lines(const std::string& text) {
     return lines;
 }
 
-using samplefiles::ReadText;
-using samplefiles::RepositoryRoot;
-using samplefiles::SampleGateway;
+using texttest::ReadText;
+using texttest::RepositoryRoot;
+using texttest::SampleGateway;
 
 struct RequestFile {
     std::string m_testName;  // the file's name, letters, digits and '_' only
@@ -119,25 +119,6 @@ RqHandleNode* ReadRequest(const RequestFile& file) {
     }
 }
 
-// Print, read the print, print again: both prints agree and the trees are equal. Returns
-// the first print.
-std::string ExpectRoundTrip(const RqHandleNode& request) {
-    const ARpGateway* rp = &SampleGateway();
-    const std::string printed = RqTextWriter::Write(request, rp);
-    Heap<RqHandleNode> reread;
-    try {
-        reread.Reset(RqTextReader::Read(printed, "printed.rq", rp));
-    } catch (const RqTextError& error) {
-        ADD_FAILURE() << "the printed request does not read back: " << error.what() << "\n"
-                      << printed;
-        return printed;
-    }
-    EXPECT_EQ(RqTextWriter::Write(*reread, rp), printed);
-    std::string difference;
-    EXPECT_TRUE(RqTextSameTree(request, *reread, &difference)) << difference << "\n" << printed;
-    return printed;
-}
-
 class SampleRequestTest : public testing::TestWithParam<RequestFile> {};
 class GoldenInputTest : public testing::TestWithParam<RequestFile> {};
 
@@ -147,7 +128,8 @@ TEST_P(SampleRequestTest, IsCanonicalWellFormedAndRoundTrips) {
     if (!request)
         return;
     EXPECT_EQ(RqVerifier::Describe(RqVerifier::Verify(*request)).ToUtf8(), "");
-    const std::string printed = ExpectRoundTrip(*request);
+    EXPECT_EQ(texttest::RoundTripFailure(*request, &SampleGateway()), "");
+    const std::string printed = RqTextWriter::Write(*request, &SampleGateway());
     // Samples are written the way the printer writes them, so that they read as models of
     // the format; only their comments and blank lines are the author's.
     EXPECT_EQ(WithoutCommentsAndBlankLines(file.m_text), WithoutCommentsAndBlankLines(printed));
@@ -155,8 +137,9 @@ TEST_P(SampleRequestTest, IsCanonicalWellFormedAndRoundTrips) {
 
 TEST_P(GoldenInputTest, RoundTrips) {
     Heap<RqHandleNode> request(ReadRequest(GetParam()));
-    if (request)
-        ExpectRoundTrip(*request);
+    if (request) {
+        EXPECT_EQ(texttest::RoundTripFailure(*request, &SampleGateway()), "");
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Examples, SampleRequestTest, testing::ValuesIn(SampleRequests()), NameOf);

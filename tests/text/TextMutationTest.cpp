@@ -13,7 +13,7 @@
 #include "Query/Optimizer/RequestText/SQORTextCatalog.h"
 #include "Query/Optimizer/RequestText/SQORTextRequest.h"
 #include "RandomRequest.h"
-#include "SampleFiles.h"
+#include "TextTestSupport.h"
 
 namespace {
 
@@ -58,19 +58,9 @@ void CheckRequest(const std::string& text, const ARpGateway* rp, Failures& failu
             failures.Add(problem + ": " + error.what(), text);
         return;
     }
-    std::string printed;
-    try {
-        printed = RqTextWriter::Write(*tree, rp);
-        Heap<RqHandleNode> back(RqTextReader::Read(printed, "printed.rq", rp));
-        std::string difference;
-        if (RqTextWriter::Write(*back, rp) != printed)
-            failures.Add("printing what was read is not stable:\n" + printed, text);
-        else if (!RqTextSameTree(*tree, *back, &difference))
-            failures.Add("the print reads as another tree: " + difference + "\n" + printed, text);
-    } catch (const RqTextError& error) {
-        failures.Add(std::string("the print does not read back: ") + error.what() + "\n" + printed,
-                     text);
-    }
+    const std::string failure = texttest::RoundTripFailure(*tree, rp);
+    if (!failure.empty())
+        failures.Add(failure, text);
 }
 
 TEST(TextMutation, MutatedRequestsReadOrFailAtAPosition) {
@@ -80,15 +70,15 @@ TEST(TextMutation, MutatedRequestsReadOrFailAtAPosition) {
     };
     std::vector<Input> inputs;
     for (const fs::directory_entry& entry :
-         fs::directory_iterator(samplefiles::RepositoryRoot() / "examples/requests")) {
+         fs::directory_iterator(texttest::RepositoryRoot() / "examples/requests")) {
         if (entry.path().extension() == ".rq")
-            inputs.push_back({samplefiles::ReadText(entry.path()), &samplefiles::SampleGateway()});
+            inputs.push_back({texttest::ReadText(entry.path()), &texttest::SampleGateway()});
     }
     std::sort(inputs.begin(), inputs.end(),
               [](const Input& a, const Input& b) { return a.m_text < b.m_text; });
     ASSERT_GE(inputs.size(), 10u);
     for (uint64_t seed = 1001; seed <= 1030; ++seed) {
-        const ARpGateway* rp = seed % 2 == 1 ? &samplefiles::SampleGateway() : nullptr;
+        const ARpGateway* rp = seed % 2 == 1 ? &texttest::SampleGateway() : nullptr;
         Heap<RqHandleNode> tree(textfuzz::RandomRequest(seed, rp));
         inputs.push_back({RqTextWriter::Write(*tree, rp), rp});
     }
@@ -103,7 +93,7 @@ TEST(TextMutation, MutatedRequestsReadOrFailAtAPosition) {
 
 TEST(TextMutation, MutatedCatalogsReadOrFailAtAPosition) {
     const std::string sample =
-        samplefiles::ReadText(samplefiles::RepositoryRoot() / "examples/sales.catalog");
+        texttest::ReadText(texttest::RepositoryRoot() / "examples/sales.catalog");
     ASSERT_FALSE(sample.empty());
     Failures failures;
     textfuzz::Rng rng(77);
