@@ -4,11 +4,8 @@
 #include <cctype>
 #include <cfloat>
 #include <climits>
-#include <cmath>
 #include <cstring>
 #include <limits>
-#include <memory>
-#include <sstream>
 #include <tuple>
 #include <vector>
 
@@ -153,13 +150,7 @@ private:
         if (roll == 1 || roll == 2) {
             const RqNodeType_e kinds[] = {kRqUnion, kRqIntersect, kRqExcept};
             list = Blank<RqAbstractList>(m_rng.Pick(kinds));
-            const bool all = m_rng.Chance(50);
-            if (auto* setUnion = dynamic_cast<RqUnion*>(list))
-                setUnion->SetAll(all);
-            else if (auto* intersect = dynamic_cast<RqIntersect*>(list))
-                intersect->SetAll(all);
-            else
-                static_cast<RqExcept*>(list)->SetAll(all);
+            rqtext::SetAllFlag(*list, m_rng.Chance(50));
             for (int i = 1 + m_rng.Below(3); i > 0; --i)
                 list->AddChild(m_rng.Chance(5) ? nullptr : List());
         } else if (roll == 3) {
@@ -212,10 +203,7 @@ private:
                 continue;
             RqNode* filter = Blank<RqNode>(kind);
             filter->AddChild(m_rng.Chance(10) ? nullptr : Cond(0));
-            list->SetIthChild(kind == kRqDetailFilter    ? RqList::kDetailFilterChild
-                              : kind == kRqSummaryFilter ? RqList::kSummaryFilterChild
-                                                         : RqList::kHavingChild,
-                              filter);
+            list->SetIthChild(rqtext::ClauseSlot(kind), filter);
         }
         if (m_rng.Chance(30))
             list->SetIthChild(RqList::kGroupByChild, GroupBy());
@@ -403,66 +391,57 @@ private:
 
     // Expressions with fields of their own and no operands; null for the other kinds.
     RqExpr* Leaf(RqNodeType_e kind) {
-        switch (kind) {
-            case kRqExprIntegerLiteral:
+        using rqtext::ExprForm;
+        double real = m_rng.Pick(kFloats);
+        switch (rqtext::ExprFormOf(kind)) {
+            case ExprForm::kInteger:
                 return RQ_NEW RqExprIntegerLiteral(m_rng.Chance(50) ? m_rng.Pick(kInts)
                                                                     : int64_t(m_rng.Next()));
-            case kRqExprFloatLiteral: {
-                double value = m_rng.Pick(kFloats);
+            case ExprForm::kFloat:
                 if (m_rng.Chance(30)) {
                     const uint64_t bits = m_rng.Next();
-                    std::memcpy(&value, &bits, sizeof value);
+                    std::memcpy(&real, &bits, sizeof real);
                 }
-                return RQ_NEW RqExprFloatLiteral(value);
+                return RQ_NEW RqExprFloatLiteral(real);
+            case ExprForm::kString:
+            case ExprForm::kTypedText:
+            case ExprForm::kNamed:
+            case ExprForm::kNull: {
+                // A text value or a name, whichever the class has.
+                auto* expr = Blank<RqExpr>(kind);
+                rqtext::SetTextValue(*expr, Text());
+                rqtext::SetNameField(*expr, Text().ToUtf8());
+                return expr;
             }
-            case kRqExprStringLiteral:
-                return RQ_NEW RqExprStringLiteral(Text());
-            case kRqExprDateLiteral:
-                return RQ_NEW RqExprDateLiteral(Text());
-            case kRqExprTimeLiteral:
-                return RQ_NEW RqExprTimeLiteral(Text());
-            case kRqExprDateTimeLiteral:
-                return RQ_NEW RqExprDateTimeLiteral(Text());
-            case kRqExprIntervalLiteral:
-                return RQ_NEW RqExprIntervalLiteral(Text());
-            case kRqExprNumberLiteral:
-                return RQ_NEW RqExprNumberLiteral(Text());
-            case kRqExprNullLiteral:
-                return RQ_NEW RqExprNullLiteral();
-            case kRqExprParam:
-                return RQ_NEW RqExprParam(Text());
-            case kRqExprSessionVar:
-                return RQ_NEW RqExprSessionVar(Text());
-            case kRqAttribute:
-                return RQ_NEW RqAttribute(RawID(7), Text());
-            case kRqExprDimension:
-                return RQ_NEW RqExprDimension(RawID(8), Text());
-            case kRqExprLevel:
-                return RQ_NEW RqExprLevel(RawID(9), Text());
-            case kRqTargetColumn:
-            case kRqTargetCubeColumn:
-            case kRqTargetCacheColumn: {
-                auto* column = Blank<RqTargetColumn>(kind);
-                column->SetTableNum(TableNum());
-                if (!m_columns.empty() && m_rng.Chance(70)) {
-                    const auto& [name, id] = Any(m_columns);
-                    column->SetName(name);
-                    column->SetColumnID(m_rng.Chance(70) ? id : RawID(4));
-                } else {
-                    column->SetName(Text());
-                    column->SetColumnID(m_rng.Chance(50) ? VoidID::NullID : RawID(4));
-                }
-                return column;
-            }
-            case kRqDerivedColumnReference: {
+            case ExprForm::kMetadata:
+                return RqCast<RqExpr>(rqtext::MakeMetadataNode(kind, RawID(7), Text()));
+            case ExprForm::kTargetColumn:
+                return TargetColumn(kind);
+            case ExprForm::kReference:
                 // Points at a column chosen once the whole tree stands.
-                auto* reference = RQ_NEW RqDerivedColumnReference();
-                m_references.push_back(reference);
-                return reference;
-            }
-            default:
-                return nullptr;
+                return m_references.emplace_back(RQ_NEW RqDerivedColumnReference());
+            case ExprForm::kCall:
+            case ExprForm::kAggregate:
+            case ExprForm::kCast:
+            case ExprForm::kExternalData:
+            case ExprForm::kColumnList:
+                break;
         }
+        return nullptr;
+    }
+
+    RqTargetColumn* TargetColumn(RqNodeType_e kind) {
+        auto* column = Blank<RqTargetColumn>(kind);
+        column->SetTableNum(TableNum());
+        if (!m_columns.empty() && m_rng.Chance(70)) {
+            const auto& [name, id] = Any(m_columns);
+            column->SetName(name);
+            column->SetColumnID(m_rng.Chance(70) ? id : RawID(4));
+        } else {
+            column->SetName(Text());
+            column->SetColumnID(m_rng.Chance(50) ? VoidID::NullID : RawID(4));
+        }
+        return column;
     }
 
     RqExpr* Call(RqNodeType_e kind, int depth) {
@@ -480,8 +459,8 @@ private:
         } else {
             expr = Blank<RqExpr>(kind);
         }
-        if (kind == kRqExprCast)
-            static_cast<RqExprCast*>(expr)->SetTypeName(Text());
+        if (auto* cast = RqDynCast<RqExprCast>(expr))
+            cast->SetTypeName(Text());
         if (RqIsKindOf(kind, kRqExprSubquery)) {
             expr->AddChild(m_rng.Chance(5) || m_listDepth >= kMaxListDepth ? nullptr : List());
             return expr;
@@ -504,14 +483,11 @@ private:
         const int maxParams = maxOps < 0 ? 2 : std::max(0, maxOps - RqExprAggr::kFirstParameter);
         for (int i = m_rng.Below(maxParams + 1); i > 0; --i)
             aggr->AddChild(m_rng.Chance(10) ? nullptr : Expr(depth + 1));
-        aggr->SetDistinctAggregation(m_rng.Chance(15));
-        aggr->SetSQL99Aggregation(m_rng.Chance(15));
-        aggr->SetDistinctComputeBreak(m_rng.Chance(15));
-        aggr->SetExplicitGrain(m_rng.Chance(15));
-        aggr->SetAnalytic(m_rng.Chance(15));
-        aggr->SetInstantiated(!m_rng.Chance(15));
-        if (auto* sorted = dynamic_cast<RqExprSortDependentAggr*>(aggr);
-            sorted && m_rng.Chance(50)) {
+        int flags = 0;
+        for (const rqtext::EnumWord& flag : rqtext::kAggrFlagWords)
+            flags |= m_rng.Chance(15) ? flag.m_value : 0;
+        rqtext::SetAggrFlags(*aggr, flags);
+        if (auto* sorted = RqDynCast<RqExprSortDependentAggr>(aggr); sorted && m_rng.Chance(50)) {
             RqExprSortDependentAggr::SortKeys keys;
             const RqSortSpec::SortDirection directions[] = {RqSortSpec::kAsc, RqSortSpec::kDesc,
                                                             RqSortSpec::kEitherDirection};
@@ -543,11 +519,11 @@ private:
             RqNode* node = work.back();
             work.pop_back();
             nodes.push_back(node);
-            if (node->IsKindOf(kRqAbstractList))
-                lists.push_back(static_cast<RqAbstractList*>(node));
-            if (node->GetObjectType() == kRqDerivedColumn &&
-                static_cast<RqDerivedColumn*>(node)->GetRqAbstractListContainer() != nullptr)
-                columns.push_back(static_cast<RqDerivedColumn*>(node));
+            if (auto* list = RqDynCast<RqAbstractList>(node))
+                lists.push_back(list);
+            auto* column = RqDynCast<RqDerivedColumn>(node);
+            if (column != nullptr && column->GetRqAbstractListContainer() != nullptr)
+                columns.push_back(column);
             for (int i = 0; i < node->GetNumChildren(); ++i) {
                 if (RqNode* child = node->GetIthChild(i))
                     work.push_back(child);
