@@ -613,7 +613,9 @@ const char* const kWords[] = {
     "Sum(", "by=", "link 0 -> 9", "request", "shared @a", "cols=(", "breakfilter", "orderby",
     "groupby", "granularity", "types=(", "plan=\"0g\"", "nan", "-inf", "ref(none)", "\n", "0:",
     "database", "column", "key", "features", "default", "pool", "session", "property", "flag",
-    "server", "many_to_one", "VARCHAR(", "computed", "with",
+    "server", "many_to_one", "VARCHAR(", "computed", "with", "desc", "nocase", "logical",
+    "distinct", "all", "sticky", "preserved", "nulls=first", "mode=hash", "sets ((0), ())",
+    "sets ((1, 0))", "artifact", "limit=3", "nodup", "sorted", "uninstantiated",
 };
 const char* const kNumbers[] = {"0", "-1", "99999999999999999999", "2147483648", "4294967296",
                                 "-0", "1e999", "007", "3:4", "1.5", "1000000000", "65536"};

@@ -19,7 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kMutationsPerText = 60;
+constexpr int kMutationsPerText = 120;
 
 // Empty when the error names a line of the text and a column on it (columns count
 // characters; one past the end of a line is where a missing token was expected).
@@ -47,8 +47,12 @@ struct Failures {
     }
 };
 
-// Reads a mutated request; what reads must be printable and round-trip.
-void CheckRequest(const std::string& text, const ARpGateway* rp, Failures& failures) {
+// Reads a mutated request; what reads must be printable and round-trip. Compared with the
+// tree of the text it was mutated from, it is the same tree exactly when it prints the same:
+// the comparison notices every field the text carries, and the text every field the
+// comparison knows, whichever kind and field the mutation changed.
+void CheckRequest(const std::string& text, const RqNode& original, const ARpGateway* rp,
+                  Failures& failures) {
     Heap<RqHandleNode> tree;
     try {
         tree.Reset(RqTextReader::Read(text, "mutated.rq", rp));
@@ -61,6 +65,12 @@ void CheckRequest(const std::string& text, const ARpGateway* rp, Failures& failu
     const std::string failure = texttest::RoundTripFailure(*tree, rp);
     if (!failure.empty())
         failures.Add(failure, text);
+    std::string difference;
+    const bool same = RqTextSameTree(original, *tree, &difference);
+    if (same != (RqTextWriter::Write(original, rp) == RqTextWriter::Write(*tree, rp)))
+        failures.Add(same ? "prints differently but compares the same"
+                          : "prints the same but differs: " + difference,
+                     text);
 }
 
 TEST(TextMutation, MutatedRequestsReadOrFailAtAPosition) {
@@ -85,8 +95,9 @@ TEST(TextMutation, MutatedRequestsReadOrFailAtAPosition) {
     Failures failures;
     textfuzz::Rng rng(20240601);
     for (const Input& input : inputs) {
+        Heap<RqHandleNode> original(RqTextReader::Read(input.m_text, "input.rq", input.m_pRp));
         for (int i = 0; i < kMutationsPerText; ++i)
-            CheckRequest(textfuzz::Mutate(input.m_text, rng), input.m_pRp, failures);
+            CheckRequest(textfuzz::Mutate(input.m_text, rng), *original, input.m_pRp, failures);
     }
     EXPECT_EQ(failures.m_count, 0);
 }
