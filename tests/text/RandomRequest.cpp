@@ -360,15 +360,16 @@ private:
             table = RQ_NEW RqExternalTable(Text());
         } else {
             table = Blank<RqAbstractTable>(kind);
-            if (kind == kRqDerivedTable) {
+            if (auto* derived = RqDynCast<RqDerivedTable>(table)) {
                 if (m_rng.Chance(20))
-                    static_cast<RqDerivedTable*>(table)->SetNestingLevel(m_rng.Below(4) - 1);
+                    derived->SetNestingLevel(m_rng.Below(4) - 1);
                 table->AddChild(List());
             } else {
-                static_cast<RqIdentifiedTable*>(table)->SetTableID(TableID());
+                RqCast<RqIdentifiedTable>(table)->SetTableID(TableID());
             }
-            if (kind == kRqTransientOpaqueTable && m_rng.Chance(50))
-                static_cast<RqTransientOpaqueTable*>(table)->AddColumnTypeInfos({Text(), L"INT"});
+            if (auto* transient = RqDynCast<RqTransientOpaqueTable>(table);
+                transient && m_rng.Chance(50))
+                transient->AddColumnTypeInfos({Text(), L"INT"});
         }
         table->SetTableNum(TableNum());
         return table;
@@ -621,27 +622,31 @@ const char* const kNumbers[] = {"0", "-1", "99999999999999999999", "2147483648",
                                 "-0", "1e999", "007", "3:4", "1.5", "1000000000", "65536"};
 // clang-format on
 
+// Whole lines moved or copied about make texts that still read: repeated columns, clauses
+// and blocks, labels and identity groups that now occur twice.
+void MoveLine(std::string& text, Rng& rng) {
+    std::vector<size_t> starts{0};
+    for (size_t i = 0; i + 1 < text.size(); ++i) {
+        if (text[i] == '\n')
+            starts.push_back(i + 1);
+    }
+    const size_t from = starts[static_cast<size_t>(rng.Below(int(starts.size())))];
+    const size_t end = text.find('\n', from);
+    const std::string line =
+        text.substr(from, end == std::string::npos ? std::string::npos : end + 1 - from);
+    const size_t to = starts[static_cast<size_t>(rng.Below(int(starts.size())))];
+    if (rng.Chance(50))
+        text.erase(from, line.size());
+    text.insert(std::min(to, text.size()), line);
+}
+
 }  // namespace
 
 std::string Mutate(const std::string& original, Rng& rng) {
     std::string text = original;
     for (int edits = rng.Chance(60) ? 1 : 2 + rng.Below(2); edits > 0; --edits) {
-        // Whole lines moved about make texts that still read: repeated columns, clauses
-        // and blocks, labels and identity groups that now occur twice.
         if (rng.Chance(25)) {
-            std::vector<size_t> starts{0};
-            for (size_t i = 0; i + 1 < text.size(); ++i) {
-                if (text[i] == '\n')
-                    starts.push_back(i + 1);
-            }
-            const size_t from = starts[static_cast<size_t>(rng.Below(int(starts.size())))];
-            const size_t end = text.find('\n', from);
-            const std::string line =
-                text.substr(from, end == std::string::npos ? std::string::npos : end + 1 - from);
-            const size_t to = starts[static_cast<size_t>(rng.Below(int(starts.size())))];
-            if (rng.Chance(50))
-                text.erase(from, line.size());
-            text.insert(std::min(to, text.size()), line);
+            MoveLine(text, rng);
             continue;
         }
         const auto pieces = Pieces(text);
