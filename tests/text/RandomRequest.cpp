@@ -51,7 +51,7 @@ constexpr int kMaxExprDepth = 4;
 
 class Generator {
 public:
-    Generator(uint64_t seed, const ARpGateway* rp) : m_rng(seed), m_pRp(rp) {
+    Generator(uint64_t seed, const ARpGateway* rp) : m_rng(seed) {
         for (int value = 0; value < kRqNodeTypeCount; ++value) {
             const auto kind = static_cast<RqNodeType_e>(value);
             if (!RqIsNodeTypeValue(value) || RqIsAbstractNodeType(kind) || kind == kRqHandleNode)
@@ -556,7 +556,6 @@ private:
     }
 
     Rng m_rng;
-    const ARpGateway* m_pRp;
     int m_listDepth = 0;
     std::vector<RqNodeType_e> m_exprKinds;
     std::vector<RqNodeType_e> m_condKinds;

@@ -67,8 +67,7 @@ TEST(RandomRoundTrip, ItemsAfterANodeWithoutABodyKeepTheirMeaning) {
         "request { union { list {} shared none {} cachelist @a {} shared @a {} } }",
         "request { union { list shared {} none } }",
         // A reference after a list head, which could take its label or anchor.
-        "request { Write { list @a { select { 0: 1 } } list {} @a.0 list {} $1.0 "
-        "list $1 { select { 0: 2 } } } }",
+        "request{Write{list @a{select{0: 1}} list{} @a.0 list{} $1.0 list $1{select{0: 2}}}}",
         // A string after a generic node, which could take it as its name.
         "request { Write { Write \"\" {} \"text\" NullNode {} \"more\" } }",
         // A column list after a column, which could take it as its identifier.
