@@ -4,10 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-
 #include "Platform/CompatFlags.h"
 #include "Platform/ErrorMessage.h"
 #include "Query/Optimizer/RequestText/SQORTextCatalog.h"

@@ -14,7 +14,6 @@
 #include "../../server/Query/Optimizer/RequestText/Src/SQORTextRequestInternal.h"
 #include "Platform/Repository.h"
 #include "Query/Optimizer/Request/SQORRqList.h"
-#include "Query/Optimizer/RequestText/SQORTextCatalog.h"
 
 namespace textfuzz {
 

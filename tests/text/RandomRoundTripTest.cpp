@@ -28,6 +28,7 @@ void CollectKinds(const RqNode& node, std::set<RqNodeType_e>& kinds) {
 
 TEST(RandomRoundTrip, RandomTreesRoundTripWithAndWithoutACatalog) {
     std::set<RqNodeType_e> kinds;
+    std::string printed;
     int failures = 0;
     for (uint64_t seed = 1; seed <= kTrees && failures < 3; ++seed) {
         // Odd seeds name repository objects through the sample catalog, even ones print
@@ -35,6 +36,7 @@ TEST(RandomRoundTrip, RandomTreesRoundTripWithAndWithoutACatalog) {
         const ARpGateway* rp = seed % 2 == 1 ? &texttest::SampleGateway() : nullptr;
         Heap<RqHandleNode> tree(textfuzz::RandomRequest(seed, rp));
         CollectKinds(*tree, kinds);
+        printed += RqTextWriter::Write(*tree, rp);
         const std::string failure = RoundTripFailure(*tree, rp);
         if (!failure.empty()) {
             ++failures;
@@ -57,6 +59,19 @@ TEST(RandomRoundTrip, RandomTreesRoundTripWithAndWithoutACatalog) {
         }
     }
     EXPECT_EQ(missing, "") << "kinds no random tree holds";
+    // And every field is set in some tree, so that each is carried through the text.
+    for (const char* field :
+         {"distinct",    "artifact",    " all",           "cols=",   "marker=",
+          "next=",       "nodup",       "break=",         "mode=",   " sets ",
+          "granularity", "sticky",      "types=",         "nulls=",  "logical",
+          "nocase",      "either",      "driving=",       "lcols=",  "rcols=",
+          "preserved",   "nesting=",    "plan=",          "limit=",  "offset=",
+          "shared {",    " with",       "same=",          "target=", "at=",
+          "sort=",       "by=",         "compute=",       "sql99",   "distinctcompute",
+          "grain",       "analytic",    "uninstantiated", "sorted",  "form=",
+          "data=",       "type=",       "name=",          "id=",     "cubecol",
+          "cachecol",    "interval \"", "link "})
+        EXPECT_NE(printed.find(field), std::string::npos) << field;
 }
 
 // Cases the random trees found, kept because few seeds reach them: a node printed without a

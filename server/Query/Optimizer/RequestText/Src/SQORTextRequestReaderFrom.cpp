@@ -151,7 +151,7 @@ Owned RequestReader::ParseTable(RqNodeType_e kind) {
     Owned table(MakeBlankNode(kind));
     if (auto* identified = RqDynCast<RqIdentifiedTable>(table.Get()))
         identified->SetTableID(ParseTableID());
-    else if (kind == kRqExternalTable)
+    else if (RqIsKindOf(kind, kRqExternalTable))
         table.Reset(RQ_NEW RqExternalTable(
             ZKString::FromUtf8(m_lex.ExpectString("the external table's name"))));
     RqCast<RqAbstractTable>(table.Get())->SetTableNum(ParseTableNum());
@@ -170,7 +170,7 @@ Owned RequestReader::ParseTable(RqNodeType_e kind) {
     if (const auto* identified = RqDynCast<RqIdentifiedTable>(table.Get()))
         NoteTableNum(*identified);
     Annotate(table.Get(), ParseAnnotation());
-    ParseChildren(*table, kind == kRqDerivedTable);
+    ParseChildren(*table, table->IsKindOf(kRqDerivedTable));
     return table;
 }
 

@@ -18,7 +18,7 @@ Owned RequestReader::ParseList(RqNodeType_e kind) {
     if (auto* block = RqDynCast<RqList>(list))
         ParseListBody(*block);
     else
-        ParseChildren(*list, kind != kRqSharedList);
+        ParseChildren(*list, !list->IsKindOf(kRqSharedList));
     return owned;
 }
 

@@ -719,6 +719,8 @@ private:
             return;
         const std::string annotation = Annotation(expr, parent);
         const Target self = TargetOf(expr);
+        // Exactly the slot's kind: an unordered list in an ordered slot, a kind derived from
+        // the ordered one, must print under its name to read back as what it is.
         if (expr.GetObjectType() == tupleKind && !IsSortedColumnList(expr)) {
             m_out += '(';
             for (int i = 0; i < expr.GetNumChildren(); ++i) {
