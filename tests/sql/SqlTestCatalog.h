@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Query/Optimizer/Request/SQORRqBuilder.h"
+#include "Query/Optimizer/RequestText/SQORTextRequest.h"
 #include "Query/Optimizer/RequestSql/SQORSqlCheck.h"
 #include "Query/Optimizer/RequestSql/SQORSqlRenderer.h"
 
@@ -40,6 +41,17 @@ protected:
         return rqb::Table(m_customers->GetID(), tableNum);
     }
     const ARpGateway* Rp() const { return m_pSession.get(); }
+
+    // A request from its text (docs/text-format.md), over tables Shop.dw.ORDERS and
+    // Shop.CUSTOMERS; a malformed text fails the test and gives null.
+    RqHandleNode* Read(const std::string& text) const {
+        try {
+            return RqTextReader::Read(text, "<test>", Rp());
+        } catch (const std::exception& error) {
+            ADD_FAILURE() << error.what() << "\n" << text;
+            return nullptr;
+        }
+    }
 
     std::string Sql(const RqNode& root) const {
         const SqlRenderResult result = SqlRenderer::Render(root, Rp());
