@@ -101,9 +101,9 @@ TEST_F(SqlKindFormsTest, EveryRenderedKindHasItsValue) {
         FindNodes(request.Get(), RqNode::IsObjectType(kRqExpr), nodes);
         for (const RqNode* node : nodes)
             covered.insert(node->GetObjectType());
-        const SqlRunResult run =
-            RunOn(*request, {{I(1), I(10), R(1), T("N")}, {I(2), I(10), R(2), T("S")},
-                             {I(3), I(20), R(4), T("N")}});
+        const SqlRunResult run = RunOn(*request, {{I(1), I(10), R(1), T("N")},
+                                                  {I(2), I(10), R(2), T("S")},
+                                                  {I(3), I(20), R(4), T("N")}});
         EXPECT_TRUE(run.m_bComparable) << run.m_reason << "\n" << c.m_body;
         EXPECT_EQ(Joined(SortedRows(run.m_rows)), c.m_rows) << run.m_sql;
     }
