@@ -131,7 +131,11 @@ const Rewrite kWrongRewrites[] = {
      "0: t1.CUST_ID } from { " ORDERS "} [[orderby 0|]] } } } }"},
     {"reversed order", "list { select { 0: t1.ORDER_ID } from { " ORDERS "} orderby 0[[ desc|]] }"},
     {"NULLs moved to the other end",
-     "list { select { 0: t1.CUST_ID } from { " ORDERS "} orderby 0 nulls=[[first|last]] }"},
+     "list { select { 0: t1.CUST_ID } from { " ORDERS "} orderby 0 desc nulls=[[first|last]] }"},
+    {"a caseless order made case-sensitive",
+     "list { select { 0: t1.REGION } from { " ORDERS "} orderby 0[[ nocase|]] }"},
+    {"NULLs moved to the other end, ascending",
+     "list { select { 0: t1.CUST_ID } from { " ORDERS "} orderby 0 nulls=[[last|first]] }"},
     {"rows appended at the end of an ordered result",
      "list { select { 0: t1.ORDER_ID } from { " ORDERS
      "} [[where Lt(t1.ORDER_ID, 300)|]] orderby 0 }"},
