@@ -311,33 +311,3 @@ const SqlKindForm& SqlKindFormOf(RqNodeType_e kind) {
         return index.m_unlisted[0];
     return index.m_byKind[value] != nullptr ? *index.m_byKind[value] : index.m_unlisted[value];
 }
-
-const char* SqlKindRoleName(SqlKindRole role) {
-    switch (role) {
-        case R::kUnlisted:
-            return "unlisted";
-        case R::kRequest:
-            return "request";
-        case R::kList:
-            return "list";
-        case R::kTable:
-            return "table";
-        case R::kBlockPart:
-            return "block part";
-        case R::kOperator:
-            return "operator";
-        case R::kFunction:
-            return "function";
-        case R::kSpecialForm:
-            return "special form";
-        case R::kAggregate:
-            return "aggregate";
-        case R::kWindowAggregate:
-            return "window aggregate";
-        case R::kNoSqlMeaning:
-            return "no SQL meaning";
-        case R::kNotRendered:
-            return "not rendered";
-    }
-    return "?";
-}

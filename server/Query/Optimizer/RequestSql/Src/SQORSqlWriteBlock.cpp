@@ -200,17 +200,20 @@ std::string SqlWriter::Grouped(const RqList& block, const std::string& from, con
                         std::to_string(i + 1));
         outerWhere.push_back("rq_cond" + std::to_string(i + 1));
     }
+    // Otherwise the summary conditions are HAVING, or WHERE at the details level.
+    auto summary = [&](std::vector<std::string>& into) {
+        for (const RqExpr* cond : shape.m_summaryConds)
+            into.push_back(Operand(Expr(*cond, env), kStrengthAnd));
+    };
     std::vector<std::string> where;
     for (const RqExpr* cond : shape.m_rowConds)
         where.push_back(Operand(Expr(*cond, rowEnv), kStrengthAnd));
-    for (size_t i = 0; shape.m_bDetails && !bConditionsOutside && i < shape.m_summaryConds.size();
-         ++i)
-        where.push_back(Operand(Expr(*shape.m_summaryConds[i], env), kStrengthAnd));
+    if (shape.m_bDetails && !bConditionsOutside)
+        summary(where);
     const std::string groupBy = shape.m_bDetails ? "" : GroupByClause(shape, scope, branch);
     std::vector<std::string> having;
-    for (size_t i = 0; !shape.m_bDetails && !bConditionsOutside && i < shape.m_summaryConds.size();
-         ++i)
-        having.push_back(Operand(Expr(*shape.m_summaryConds[i], env), kStrengthAnd));
+    if (!shape.m_bDetails && !bConditionsOutside)
+        summary(having);
     // A grand total is one row even when it projects no aggregate; a hidden COUNT(*) makes
     // SQLite aggregate.
     const bool bHiddenTotal =

@@ -32,6 +32,3 @@ struct SqlKindForm {
 // The entry of a kind. A kind without one gets an entry of role kUnlisted, which the renderer
 // refuses as not rendered.
 const SqlKindForm& SqlKindFormOf(RqNodeType_e kind);
-
-// The name of a role, for reports.
-const char* SqlKindRoleName(SqlKindRole role);
