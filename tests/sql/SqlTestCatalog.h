@@ -11,8 +11,13 @@
 #include "Query/Optimizer/Request/SQORRqBuilder.h"
 #include "Query/Optimizer/RequestSql/SQORSqlCheck.h"
 #include "Query/Optimizer/RequestSql/SQORSqlRenderer.h"
+#include "Query/Optimizer/RequestText/SQORTextRequest.h"
 
-// Table numbers 1 and 2 are ORDERS and CUSTOMERS wherever the tests use them.
+// Table numbers 1 and 2 are ORDERS and CUSTOMERS wherever the tests use them; in request
+// texts they are these FROM members.
+#define ORDERS_T1 "table Shop.dw.ORDERS t1 "
+#define CUSTOMERS_T2 "table Shop.CUSTOMERS t2 "
+
 class SqlTestCatalog : public testing::Test {
 protected:
     SqlTestCatalog() : m_pRepository(std::make_shared<RpRepository>()) {
@@ -40,6 +45,26 @@ protected:
         return rqb::Table(m_customers->GetID(), tableNum);
     }
     const ARpGateway* Rp() const { return m_pSession.get(); }
+
+    // A request from its text (docs/text-format.md), over tables Shop.dw.ORDERS and
+    // Shop.CUSTOMERS; a malformed text fails the test and gives null.
+    RqHandleNode* Read(const std::string& text) const {
+        try {
+            return RqTextReader::Read(text, "<test>", Rp());
+        } catch (const std::exception& error) {
+            ADD_FAILURE() << error.what() << "\n" << text;
+            return nullptr;
+        }
+    }
+
+    // The request with its top block's GROUP BY given grouping sets (positions in its list):
+    // the text format does not write them yet.
+    static RqHandleNode* WithGroupingSets(RqHandleNode* request,
+                                          const std::vector<UInt16Vector>& sets) {
+        for (const UInt16Vector& set : sets)
+            RqCast<RqList>(request->GetRqNode())->GetGroupBy()->AddGroupingSet(set);
+        return request;
+    }
 
     std::string Sql(const RqNode& root) const {
         const SqlRenderResult result = SqlRenderer::Render(root, Rp());

@@ -298,8 +298,8 @@ SqlRunResult SqlCheckSession::Run(const RqNode& request) {
         std::string why;
         if (list->GetRowLimit() != 0 || list->GetRowOffset() != 0)
             why = CheckLimit(*list);
-        if (why.empty() && list->GetObjectType() == kRqBreakFilter)
-            why = CheckBreakFilter(static_cast<const RqBreakFilter&>(*list));
+        if (const auto* filter = RqDynCast<RqBreakFilter>(list); why.empty() && filter != nullptr)
+            why = CheckBreakFilter(*filter);
         if (!why.empty()) {
             result.m_reason = why;
             return result;
@@ -311,11 +311,11 @@ SqlRunResult SqlCheckSession::Run(const RqNode& request) {
         return result;
     }
     const RqNode* top = &request;
-    if (top->GetObjectType() == kRqHandleNode)
-        top = static_cast<const RqHandleNode*>(top)->GetRqNode();
+    if (const auto* handle = RqDynCast<RqHandleNode>(top))
+        top = handle->GetRqNode();
     std::vector<SqlSortKey> keys;
-    if (top != nullptr && top->IsKindOf(kRqAbstractList) &&
-        SqlRenderer::GetListOrder(static_cast<const RqAbstractList&>(*top), keys))
+    if (const auto* list = RqDynCast<RqAbstractList>(top);
+        list != nullptr && SqlRenderer::GetListOrder(*list, keys))
         result.m_order = keys;
     result.m_bComparable = true;
     return result;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cwctype>
 #include <iterator>
 
@@ -121,51 +122,47 @@ void SqlLiterals::AddFrom(const RqNode& root) {
     RqNodeVector found;
     FindNodes(const_cast<RqNode*>(&root), RqNode::IsObjectType(kRqExprLiteral), found);
     for (const RqNode* node : found) {
-        switch (node->GetObjectType()) {
-            case kRqExprStringLiteral: {
-                const std::string text =
-                    static_cast<const RqExprStringLiteral*>(node)->GetValue().ToUtf8();
-                m_texts.insert(text);
-                std::string plain;
-                for (char c : text) {
-                    if (c != '%' && c != '_')
-                        plain += c;
-                }
-                m_texts.insert(plain);
-                break;
+        if (const auto* literal = RqDynCast<RqExprStringLiteral>(node)) {
+            const std::string text = literal->GetValue().ToUtf8();
+            m_texts.insert(text);
+            std::string plain;
+            for (char c : text) {
+                if (c != '%' && c != '_')
+                    plain += c;
             }
-            case kRqExprIntegerLiteral: {
-                // Neighbours too, so that comparisons with the literal go both ways.
-                const int64_t value = static_cast<const RqExprIntegerLiteral*>(node)->GetValue();
-                if (value > INT64_MIN / 2 && value < INT64_MAX / 2) {
-                    for (int64_t near : {value - 1, value, value + 1, 2 * value})
-                        m_integers.insert(near);
-                }
-                for (double near : {value - 1.0, value * 1.0, value + 1.0, 2.0 * value})
-                    m_reals.insert(near);
-                break;
+            m_texts.insert(plain);
+        } else if (const auto* integer = RqDynCast<RqExprIntegerLiteral>(node)) {
+            AddNumber(static_cast<double>(integer->GetValue()));
+            // Neighbours too, so that comparisons with the literal go both ways.
+            const int64_t value = integer->GetValue();
+            if (value > INT64_MIN / 2 && value < INT64_MAX / 2) {
+                for (int64_t near : {value - 1, value, value + 1, 2 * value})
+                    m_integers.insert(near);
             }
-            case kRqExprFloatLiteral: {
-                const double value = static_cast<const RqExprFloatLiteral*>(node)->GetValue();
-                if (std::isfinite(value)) {
-                    for (double near : {value - 1.0, value, value + 1.0, 2.0 * value})
-                        m_reals.insert(near);
-                }
-                break;
-            }
-            case kRqExprDateLiteral:
-                m_temporal.insert(static_cast<const RqExprDateLiteral*>(node)->GetValue().ToUtf8());
-                break;
-            case kRqExprTimeLiteral:
-                m_temporal.insert(static_cast<const RqExprTimeLiteral*>(node)->GetValue().ToUtf8());
-                break;
-            case kRqExprDateTimeLiteral:
-                m_temporal.insert(
-                    static_cast<const RqExprDateTimeLiteral*>(node)->GetValue().ToUtf8());
-                break;
-            default:
-                break;
+        } else if (const auto* real = RqDynCast<RqExprFloatLiteral>(node)) {
+            AddNumber(real->GetValue());
+        } else if (const auto* number = RqDynCast<RqExprNumberLiteral>(node)) {
+            // Decimal text: planted as the real it reads as, when it reads as one.
+            const std::string text = number->GetValue().ToUtf8();
+            char* end = nullptr;
+            const double value = std::strtod(text.c_str(), &end);
+            if (!text.empty() && end == text.c_str() + text.size())
+                AddNumber(value);
+        } else if (const auto* date = RqDynCast<RqExprDateLiteral>(node)) {
+            m_temporal.insert(date->GetValue().ToUtf8());
+        } else if (const auto* time = RqDynCast<RqExprTimeLiteral>(node)) {
+            m_temporal.insert(time->GetValue().ToUtf8());
+        } else if (const auto* timestamp = RqDynCast<RqExprDateTimeLiteral>(node)) {
+            m_temporal.insert(timestamp->GetValue().ToUtf8());
         }
+        // Null and interval literals name no value a column could hold.
+    }
+}
+
+void SqlLiterals::AddNumber(double value) {
+    if (std::isfinite(value)) {
+        for (double near : {value - 1.0, value, value + 1.0, 2.0 * value})
+            m_reals.insert(near);
     }
 }
 
@@ -184,8 +181,7 @@ std::vector<RefATable> SqlDataGenerator::TablesReadBy(const RqNode& root, const 
     RqNodeVector found;
     FindNodes(const_cast<RqNode*>(&root), RqNode::IsObjectType(kRqIdentifiedTable), found);
     for (const RqNode* node : found) {
-        RefATable table =
-            RefHelper::GetTable(rp, static_cast<const RqIdentifiedTable*>(node)->GetTableID());
+        RefATable table = RefHelper::GetTable(rp, RqCast<RqIdentifiedTable>(node)->GetTableID());
         if (table && std::find(tables.begin(), tables.end(), table) == tables.end())
             tables.push_back(table);
     }
@@ -259,16 +255,13 @@ uint32_t SqlDataGenerator::RowCount(const ATable& table) const {
     return rows;
 }
 
-std::vector<SqlRow> SqlDataGenerator::MakeRows(const ATable& table) const {
-    const std::string tableName = SqlRenderer::GetTableName(table);
-    const uint32_t count = RowCount(table);
-    const std::vector<RefAColumn> columns = table.GetColumns();
-    std::vector<SqlRow> rows(count, SqlRow(std::max<size_t>(columns.size(), 1)));
+namespace {
 
-    // The table's declared keys hold: their columns are never NULL and their values never
-    // repeat, since rewrites may rely on that. A column that is a key on its own takes
-    // distinct values from a range a third larger than the table.
-    std::vector<std::vector<size_t>> keys;
+using KeyPositions = std::vector<std::vector<size_t>>;
+
+// The positions of the columns of each declared key of the table.
+KeyPositions DeclaredKeys(const ATable& table, const std::vector<RefAColumn>& columns) {
+    KeyPositions keys;
     for (const RefAKey& key : table.GetKeys()) {
         std::vector<size_t> positions;
         for (const RefAColumn& keyColumn : key->GetColumns()) {
@@ -280,108 +273,20 @@ std::vector<SqlRow> SqlDataGenerator::MakeRows(const ATable& table) const {
         if (!positions.empty())
             keys.push_back(positions);
     }
-    auto inKey = [&](size_t c, bool bAlone) {
-        for (const std::vector<size_t>& key : keys) {
-            if (std::find(key.begin(), key.end(), c) != key.end() && (!bAlone || key.size() == 1))
-                return true;
-        }
-        return false;
-    };
+    return keys;
+}
 
-    // Other join columns draw from a range smaller than the tables, shared by every column
-    // of that name: values repeat (joins multiply rows) and some are missing (rows without a
-    // partner).
-    const int64_t keyRange = std::max<int64_t>(3, m_options.m_rows * 2 / 3);
-    for (size_t c = 0; c < columns.size(); ++c) {
-        const AColumn& column = *columns[c];
-        Random random(Hash(m_options.m_seed, tableName + "." + column.GetName().ToUtf8()));
-        const ValueKind kind = KindOf(column.GetDataType());
-        const bool bKey = IsKeyLike(column.GetName());
-        const bool bNotNull = inKey(c, false);
-        // Columns of one kind share their values but not how often each comes: the frequent
-        // values of one column are rare in another, so that a bag of one has more copies of
-        // some value than a bag of the other (EXCEPT ALL keeps rows, INTERSECT ALL drops some)
-        // even when the other is larger.
-        const uint64_t shape =
-            Random(Hash(m_options.m_seed, "shape:" + tableName + "." + column.GetName().ToUtf8()))
-                .Next();
-        const int64_t wordShift = static_cast<int64_t>(shape % 10);
-        const bool bLargeOften = (shape >> 8) % 2 == 1;
-        auto skewed = [&](int64_t n) {
-            const int64_t v = random.Skewed(n);
-            return bLargeOften ? n - 1 - v : v;
-        };
-        std::vector<int64_t> distinct;
-        if (inKey(c, true)) {
-            distinct.resize(std::max<int64_t>(keyRange, count + count / 3 + 1));
-            for (size_t i = 0; i < distinct.size(); ++i)
-                distinct[i] = static_cast<int64_t>(i);
-            for (size_t i = 0; i < count; ++i)
-                std::swap(distinct[i], distinct[i + random.Below(distinct.size() - i)]);
-        }
-        for (uint32_t r = 0; r < count; ++r) {
-            SqlValue& value = rows[r][c];
-            if (!bNotNull && random.Chance(bKey ? 0.04 : 0.08))
-                continue;  // NULL
-            // A few keys far outside the shared range match nothing anywhere.
-            const bool bStray = bKey && random.Chance(0.04);
-            const int64_t key = !distinct.empty() ? distinct[r]
-                                : bStray          ? keyRange + 1000 + random.Below(1000000)
-                                                  : random.Below(keyRange);
-            const bool bKeyValue = bKey || !distinct.empty();
-            const SqlLiterals& literals = m_options.m_literals;
-            if (distinct.empty()) {
-                int64_t integer = 0;
-                double real = 0;
-                std::string text;
-                if (kind == kInteger && PickLiteral(random, literals.m_integers, integer)) {
-                    value = SqlValue::Integer(integer);
-                    continue;
-                }
-                if (kind == kReal && PickLiteral(random, literals.m_reals, real)) {
-                    value = SqlValue::Real(real);
-                    continue;
-                }
-                if ((kind == kText && PickLiteral(random, literals.m_texts, text)) ||
-                    ((kind == kDate || kind == kTime || kind == kTimestamp) &&
-                     PickLiteral(random, literals.m_temporal, text))) {
-                    value = SqlValue::Text(text);
-                    continue;
-                }
-            }
-            switch (kind) {
-                case kInteger:
-                    value = SqlValue::Integer(bKeyValue ? key : skewed(12) - 2);
-                    break;
-                case kBoolean:
-                    value = SqlValue::Integer(random.Below(2));
-                    break;
-                case kReal:
-                    // Quarters are exact in binary, so sums do not depend on the order of rows.
-                    value = SqlValue::Real(bKeyValue ? static_cast<double>(key)
-                                                     : static_cast<double>(skewed(40) - 6) * 0.25);
-                    break;
-                case kText:
-                    value =
-                        SqlValue::Text(bKeyValue ? "K" + std::to_string(key)
-                                                 : kWords[(random.Skewed(10) + wordShift) % 10]);
-                    break;
-                case kDate:
-                    value = SqlValue::Text(DateText(bKeyValue ? key : random.Skewed(90)));
-                    break;
-                case kTime:
-                    value = SqlValue::Text(TimeText(random.Skewed(24), random.Below(4) * 15));
-                    break;
-                case kTimestamp:
-                    value = SqlValue::Text(DateText(bKeyValue ? key : random.Skewed(90)) + " " +
-                                           TimeText(random.Skewed(24), random.Below(4) * 15));
-                    break;
-            }
-        }
+bool InKey(const KeyPositions& keys, size_t c, bool bAlone) {
+    for (const std::vector<size_t>& key : keys) {
+        if (std::find(key.begin(), key.end(), c) != key.end() && (!bAlone || key.size() == 1))
+            return true;
     }
+    return false;
+}
 
-    // Keys of several columns (or of a kind with few values) are made unique by dropping the
-    // rows that repeat a key.
+// Keys of several columns (or of a kind with few values) are made unique by dropping the rows
+// that repeat a key.
+void DropRepeatedKeys(const KeyPositions& keys, std::vector<SqlRow>& rows) {
     for (const std::vector<size_t>& key : keys) {
         std::set<std::string> seen;
         std::vector<SqlRow> kept;
@@ -394,7 +299,127 @@ std::vector<SqlRow> SqlDataGenerator::MakeRows(const ATable& table) const {
         }
         rows = std::move(kept);
     }
+}
+
+// One of the request's literals of the column's kind, now and then.
+bool PickPlanted(SqlDataGenerator::ValueKind kind, Random& random, const SqlLiterals& literals,
+                 SqlValue& value) {
+    int64_t integer = 0;
+    double real = 0;
+    std::string text;
+    if (kind == SqlDataGenerator::kInteger && PickLiteral(random, literals.m_integers, integer)) {
+        value = SqlValue::Integer(integer);
+        return true;
+    }
+    if (kind == SqlDataGenerator::kReal && PickLiteral(random, literals.m_reals, real)) {
+        value = SqlValue::Real(real);
+        return true;
+    }
+    const bool bTemporal = kind == SqlDataGenerator::kDate || kind == SqlDataGenerator::kTime ||
+                           kind == SqlDataGenerator::kTimestamp;
+    if ((kind == SqlDataGenerator::kText && PickLiteral(random, literals.m_texts, text)) ||
+        (bTemporal && PickLiteral(random, literals.m_temporal, text))) {
+        value = SqlValue::Text(text);
+        return true;
+    }
+    return false;
+}
+
+// How one column's values are drawn: its random stream, and the skew that decides which of
+// its values come often.
+struct ColumnDraw {
+    Random m_random;
+    int64_t m_wordShift;
+    bool m_bLargeOften;
+
+    int64_t Skewed(int64_t n) {
+        const int64_t v = m_random.Skewed(n);
+        return m_bLargeOften ? n - 1 - v : v;
+    }
+
+    // A value of the kind: `key` when the column holds keys, else a skewed one.
+    SqlValue Value(SqlDataGenerator::ValueKind kind, bool bKeyValue, int64_t key) {
+        switch (kind) {
+            case SqlDataGenerator::kInteger:
+                return SqlValue::Integer(bKeyValue ? key : Skewed(12) - 2);
+            case SqlDataGenerator::kBoolean:
+                return SqlValue::Integer(m_random.Below(2));
+            case SqlDataGenerator::kReal:
+                // Quarters are exact in binary, so sums do not depend on the order of rows.
+                return SqlValue::Real(bKeyValue ? static_cast<double>(key)
+                                                : static_cast<double>(Skewed(40) - 6) * 0.25);
+            case SqlDataGenerator::kText:
+                return SqlValue::Text(bKeyValue ? "K" + std::to_string(key)
+                                                : kWords[(m_random.Skewed(10) + m_wordShift) % 10]);
+            case SqlDataGenerator::kDate:
+                return SqlValue::Text(DateText(bKeyValue ? key : m_random.Skewed(90)));
+            case SqlDataGenerator::kTime:
+                return SqlValue::Text(TimeText(m_random.Skewed(24), m_random.Below(4) * 15));
+            case SqlDataGenerator::kTimestamp:
+                return SqlValue::Text(DateText(bKeyValue ? key : m_random.Skewed(90)) + " " +
+                                      TimeText(m_random.Skewed(24), m_random.Below(4) * 15));
+        }
+        return SqlValue::Null();
+    }
+};
+
+}  // namespace
+
+std::vector<SqlRow> SqlDataGenerator::MakeRows(const ATable& table) const {
+    const std::string tableName = SqlRenderer::GetTableName(table);
+    const uint32_t count = RowCount(table);
+    const std::vector<RefAColumn> columns = table.GetColumns();
+    std::vector<SqlRow> rows(count, SqlRow(std::max<size_t>(columns.size(), 1)));
+    // The table's declared keys hold: their columns are never NULL and their values never
+    // repeat, since rewrites may rely on that.
+    const KeyPositions keys = DeclaredKeys(table, columns);
+    for (size_t c = 0; c < columns.size(); ++c)
+        MakeColumn(tableName, *columns[c], InKey(keys, c, false), InKey(keys, c, true), c, rows);
+    DropRepeatedKeys(keys, rows);
     return rows;
+}
+
+// Column c of every row. A column that is a key on its own takes distinct values from a range
+// a third larger than the table. Other join columns draw from a range smaller than the tables,
+// shared by every column of that name: values repeat (joins multiply rows) and some are
+// missing (rows without a partner).
+void SqlDataGenerator::MakeColumn(const std::string& tableName, const AColumn& column,
+                                  bool bNotNull, bool bUniqueKey, size_t c,
+                                  std::vector<SqlRow>& rows) const {
+    const uint32_t count = static_cast<uint32_t>(rows.size());
+    const int64_t keyRange = std::max<int64_t>(3, m_options.m_rows * 2 / 3);
+    const std::string columnName = tableName + "." + column.GetName().ToUtf8();
+    // Columns of one kind share their values but not how often each comes: the frequent
+    // values of one column are rare in another, so that a bag of one has more copies of some
+    // value than a bag of the other (EXCEPT ALL keeps rows, INTERSECT ALL drops some) even
+    // when the other is larger.
+    const uint64_t shape = Random(Hash(m_options.m_seed, "shape:" + columnName)).Next();
+    ColumnDraw draw{Random(Hash(m_options.m_seed, columnName)), static_cast<int64_t>(shape % 10),
+                    (shape >> 8) % 2 == 1};
+    Random& random = draw.m_random;
+    const ValueKind kind = KindOf(column.GetDataType());
+    const bool bKey = IsKeyLike(column.GetName());
+    std::vector<int64_t> distinct;
+    if (bUniqueKey) {
+        distinct.resize(std::max<int64_t>(keyRange, count + count / 3 + 1));
+        for (size_t i = 0; i < distinct.size(); ++i)
+            distinct[i] = static_cast<int64_t>(i);
+        for (size_t i = 0; i < count; ++i)
+            std::swap(distinct[i], distinct[i + random.Below(distinct.size() - i)]);
+    }
+    for (uint32_t r = 0; r < count; ++r) {
+        SqlValue& value = rows[r][c];
+        if (!bNotNull && random.Chance(bKey ? 0.04 : 0.08))
+            continue;  // NULL
+        // A few keys far outside the shared range match nothing anywhere.
+        const bool bStray = bKey && random.Chance(0.04);
+        const int64_t key = !distinct.empty() ? distinct[r]
+                            : bStray          ? keyRange + 1000 + random.Below(1000000)
+                                              : random.Below(keyRange);
+        if (distinct.empty() && PickPlanted(kind, random, m_options.m_literals, value))
+            continue;
+        value = draw.Value(kind, bKey || !distinct.empty(), key);
+    }
 }
 
 bool SqlDataGenerator::Load(SqlDatabase& db, const ATable& table, std::string& error) const {

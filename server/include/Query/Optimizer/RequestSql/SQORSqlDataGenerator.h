@@ -29,6 +29,8 @@ struct SqlLiterals {
 
     // Adds the literals found anywhere in the tree.
     void AddFrom(const RqNode& root);
+    // Adds a number with its neighbours v - 1, v + 1 and 2v.
+    void AddNumber(double value);
 };
 
 struct SqlDataOptions {
@@ -69,6 +71,8 @@ public:
 
 private:
     bool IsKeyLike(const ZKString& columnName) const;
+    void MakeColumn(const std::string& tableName, const AColumn& column, bool bNotNull,
+                    bool bUniqueKey, size_t c, std::vector<SqlRow>& rows) const;
 
     SqlDataOptions m_options;
     // Column names that join tables: the names of key columns (of any table), and names
