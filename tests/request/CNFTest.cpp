@@ -116,14 +116,13 @@ void CollectVariables(const RqExpr* expr, std::set<std::string>& out) {
 // Calls `check` with every assignment of the three truth values to the variables.
 template <class F>
 void ForEachAssignment(const std::set<std::string>& variables, F check) {
-    std::vector<std::string> names(variables.begin(), variables.end());
     size_t count = 1;
-    for (size_t i = 0; i < names.size(); ++i)
+    for (size_t i = 0; i < variables.size(); ++i)
         count *= 3;
     for (size_t code = 0; code < count; ++code) {
         Assignment values;
         size_t rest = code;
-        for (const std::string& name : names) {
+        for (const std::string& name : variables) {
             values[name] = static_cast<int>(rest % 3);
             rest /= 3;
         }
@@ -145,26 +144,15 @@ bool IsLiteral(const RqExpr* expr, bool bFlattenNot) {
 
 // A random condition over a small set of predicates, with AND, OR and NOT up to `depth`.
 RqExpr* RandomCond(std::mt19937& random, int depth) {
-    std::uniform_int_distribution<int> pick(0, 9);
-    const int choice = depth == 0 ? pick(random) % 4 : pick(random);
-    const wchar_t* columns[] = {L"a", L"b", L"c", L"d"};
-    const wchar_t* column = columns[pick(random) % 4];
-    switch (choice) {
+    const wchar_t* const columns[] = {L"a", L"b", L"c", L"d"};
+    RqExprCond* (*const ordering[])(RqExpr*, RqExpr*) = {Lt, Ge, Gt, Le};
+    switch (random() % (depth == 0 ? 4 : 10)) {
         case 0:
-            return Eq(Col(column, 1), Int(0));
+            return Eq(Col(columns[random() % 4], 1), Int(0));
         case 1:
-            return Ne(Col(column, 1), Int(0));
+            return Ne(Col(columns[random() % 4], 1), Int(0));
         case 2:
-            switch (pick(random) % 4) {
-                case 0:
-                    return Lt(Col(L"a", 1), Int(0));
-                case 1:
-                    return Ge(Col(L"a", 1), Int(0));
-                case 2:
-                    return Gt(Col(L"a", 1), Int(0));
-                default:
-                    return Le(Col(L"a", 1), Int(0));
-            }
+            return ordering[random() % 4](Col(L"a", 1), Int(0));
         case 3:
             return IsNull(Col(L"b", 1));
         case 4:
@@ -180,8 +168,7 @@ RqExpr* RandomCond(std::mt19937& random, int depth) {
 
 }  // namespace
 
-// ---- Shapes
-// --------------------------------------------------------------------------------------
+// ---- Shapes -----------------------------------------------------------------------------------
 
 TEST(CNFTest, DistributesOrOverAndLeftConjunctVaryingSlowest) {
     EXPECT_EQ(Convert(Or(And(P(L"a"), P(L"b")), And(P(L"c"), P(L"d"))), true),

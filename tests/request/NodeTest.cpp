@@ -13,9 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "HookVisitors.h"
 #include "Platform/ZKThread.h"
-#include "Query/Optimizer/Request/SQORAVisitorRqExpr.h"
-#include "Query/Optimizer/Request/SQORAVisitorRqNode.h"
 #include "Query/Optimizer/Request/SQORRqBuilder.h"
 #include "Query/Optimizer/Request/SQORRqUtility.h"
 
@@ -23,50 +22,6 @@ namespace {
 
 using namespace rqb;
 using rqb::Ref;
-
-// Presents every node class to one hook; answers what the hook answers.
-class HookNodeVisitor : public AVisitorRqNode {
-public:
-    explicit HookNodeVisitor(std::function<bool(RqNode&)> hook) : m_hook(std::move(hook)) {}
-#define RQ_NV_A(cls)              \
-    bool Visit(cls& n) override { \
-        return m_hook(n);         \
-    }
-#define RQ_NV_F(cls) RQ_NV_A(cls)
-#define RQ_NV_N(cls)
-#define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) RQ_NV_##nv(cls)
-#include "Query/Optimizer/Request/SQORRqNodeKinds.def"
-#undef RQ_NODE_KIND
-#undef RQ_NV_A
-#undef RQ_NV_F
-#undef RQ_NV_N
-
-private:
-    std::function<bool(RqNode&)> m_hook;
-};
-
-// The same for expressions.
-class HookExprVisitor : public AVisitorRqExpr {
-public:
-    explicit HookExprVisitor(std::function<bool(RqExpr&)> hook) : m_hook(std::move(hook)) {}
-#define RQ_EV_A(cls)              \
-    bool Visit(cls& e) override { \
-        return m_hook(e);         \
-    }
-#define RQ_EV_F(cls) RQ_EV_A(cls)
-#define RQ_EV_L(cls) RQ_EV_A(cls)
-#define RQ_EV_N(cls)
-#define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) RQ_EV_##ev(cls)
-#include "Query/Optimizer/Request/SQORRqNodeKinds.def"
-#undef RQ_NODE_KIND
-#undef RQ_EV_A
-#undef RQ_EV_F
-#undef RQ_EV_L
-#undef RQ_EV_N
-
-private:
-    std::function<bool(RqExpr&)> m_hook;
-};
 
 // Runs `body` on a thread with the platform's usual stack (not the test runner's), and
 // rethrows there what it threw.
@@ -162,8 +117,11 @@ TEST(NodeOwnershipDeathTest, HandlesLetGoInAnyOrderLeaveNoStaleLink) {
 TEST(NodeTraversal, ChildOrderAndAHandledListHidesEverythingBelow) {
     RqList* inner =
         Block().Select(Col(L"a", 1)).From(Table(VoidID(3, 1), 1)).OrderBy({{0}}).Build();
-    Heap<RqHandleNode> root(Request(
-        Block().Select(rqb::Ref(*inner, 0)).From(Derived(inner)).Where(IsNull(Col(L"a", 1))).Build()));
+    Heap<RqHandleNode> root(Request(Block()
+                                        .Select(rqb::Ref(*inner, 0))
+                                        .From(Derived(inner))
+                                        .Where(IsNull(Col(L"a", 1)))
+                                        .Build()));
     std::vector<RqNodeType_e> seen;
     bool bHandleLists = false;
     HookNodeVisitor visitor([&](RqNode& n) {

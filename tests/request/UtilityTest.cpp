@@ -408,6 +408,15 @@ TEST(UtilityTest, NodesOtherThanExpressionsShowTheirFieldsAndExpressions) {
     EXPECT_EQ(Text(r.m_pOuter->GetDetailFilter()),
               "RqDetailFilter: EXISTS(LOGICALSUBQUERY(RqList label=sub))");
     EXPECT_EQ(Text(r.m_pInner->GetParent()), "RqDerivedTable T3");
+    RqSortSpec spec(0, RqSortSpec::kAsc, true, true, RqSortSpec::kLast);
+    EXPECT_EQ(Text(&spec), "RqSortSpec #0 ASC nulls=last logical nocase");
+    second->SetBreakStatus(RqDerivedColumn::kNoDuplicates | RqDerivedColumn::kLobData);
+    EXPECT_EQ(U(RqNodeUtility::GetFieldsText(second)),
+              "#" + std::to_string(second->GetColumnNum()) + " break=NoDuplicates|LobData");
+    Heap<RqUnion> both(Union({Leaf(L"u1", 1), Leaf(L"u2", 2)}, true));
+    both->SetShared(true);
+    both->SetRowOffset(20);
+    EXPECT_EQ(Text(both.Get()), "RqUnion all offset=20 shared");
     RqExprVector pair{r.m_pInner->GetProjection()->GetIthColumn(0)->GetExpr(), second->GetExpr()};
     EXPECT_EQ(U(ToString(pair)), "(T1.a, inner.#" + sumNum + " + 1)");
 }
