@@ -386,7 +386,7 @@ private:
                     parts.push_back(Piece::Node(expr.GetIthChild(2), operand));
                 }
                 break;
-            default:  // IN, the last of the four
+            case kRqExprCondIn:
                 parts.push_back(Piece::Text(L" IN ("));
                 for (int i = 1; i < n; ++i) {
                     if (i > 1)
@@ -395,6 +395,8 @@ private:
                 }
                 parts.push_back(Piece::Text(L")"));
                 break;
+            default:
+                ZK_LOGIC_ERROR(L"not a keyword predicate: " + KindName(kind));
         }
         return kRqStrengthCompare;
     }

@@ -363,10 +363,7 @@ private:
 // ---- ToCNF ----------------------------------------------------------------------------------
 
 ToCNF::ToCNF(const RqExprCond* cond, bool bFlattenNot, bool bDeepCopy, size_t maxConjuncts)
-    : m_pCond(cond),
-      m_bFlattenNot(bFlattenNot),
-      m_bDeepCopy(bDeepCopy),
-      m_maxConjuncts(maxConjuncts) {
+    : m_pCond(cond), m_bFlattenNot(bFlattenNot), m_maxConjuncts(maxConjuncts) {
     if (!bDeepCopy && cond != nullptr) {
         // Taking a node over from its parent would leave the parent pointing at it.
         ZK_ASSERT(cond->GetParent() == nullptr);

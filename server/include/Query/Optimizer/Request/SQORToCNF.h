@@ -100,7 +100,6 @@ private:
 
     const RqExprCond* m_pCond;
     bool m_bFlattenNot;
-    bool m_bDeepCopy;
     size_t m_maxConjuncts;
     bool m_bGenerated = false;
     bool m_bSuccess = true;
