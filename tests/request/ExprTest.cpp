@@ -51,22 +51,6 @@ TEST(ExprOperands, ConstructorsOwnOperandsAndReplacementHandsBackTheOld) {
     EXPECT_EQ(sub->GetIthOperand(0), nullptr);
 }
 
-TEST(ExprCopy, DeepCopyKeepsStructureAndOutsideReferencesWithFreshOrKeptIdentity) {
-    RqDerivedColumn outside(Col(1));
-    Heap<RqExpr> original(RQ_NEW RqExprMultiply(RQ_NEW RqDerivedColumnReference(&outside),
-                                                RQ_NEW RqExprCast(Int(5), L"DOUBLE")));
-    Heap<RqExpr> fresh(original->DeepExprCopy(false));
-    Heap<RqExpr> kept(original->DeepExprCopy(true));
-    EXPECT_TRUE(RqEquivalence()(*original, *fresh));
-    EXPECT_NE(fresh->GetIthOperand(0), original->GetIthOperand(0)) << "a deep copy shares no node";
-    auto* copiedRef = static_cast<RqDerivedColumnReference*>(fresh->GetIthOperand(0));
-    EXPECT_EQ(copiedRef->GetDerivedColumn(), &outside) << "a column outside the copy stays";
-    EXPECT_EQ(outside.GetNumReferences(), 3);
-    EXPECT_FALSE(fresh->GetIthOperand(1)->IsCopyOf(*original->GetIthOperand(1)));
-    EXPECT_TRUE(kept->GetIthOperand(1)->GetIthOperand(0)->IsCopyOf(
-        *original->GetIthOperand(1)->GetIthOperand(0)));
-}
-
 TEST(ExprTests, ConstantTestAcceptsOnlyRowIndependentDeterministicValues) {
     struct Case {
         const char* m_name;

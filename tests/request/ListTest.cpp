@@ -68,18 +68,7 @@ concept TakesAnyExpression = requires(Filter& f, RqExpr* e) {
 }
 || std::is_constructible_v<Filter, RqExpr*>;
 
-TEST(ListClauses, SettersDestroyTheOldClauseAndReplaceInParentHandsTheOldOneOver) {
-    RqList block(40);
-    EXPECT_EQ(block.GetProjection()->PeekNextColumnNum(), 40);
-    auto* first = RQ_NEW RqDetailFilter(RQ_NEW RqExprCondIsNull(Col(1)));
-    block.SetDetailFilter(first);
-    SmartRqNodePtr watch(first);
-    block.SetDetailFilter(RQ_NEW RqDetailFilter(RQ_NEW RqExprCondIsNull(Col(2))));
-    EXPECT_EQ(watch.Get(), nullptr);
-    Heap<RqNode> released(block.GetDetailFilter()->ReleaseFromParent());
-    EXPECT_EQ(block.GetDetailFilter(), nullptr);
-    EXPECT_EQ(block.GetNumChildren(), RqList::kNumClauses);
-
+TEST(ListClauses, ReplaceInParentHandsTheOldNodeToTheHolder) {
     Heap<RqList> outer(MakeOuterBlock(MakeLeafBlock(2)));
     RqDerivedTable* table = outer->GetJoinSpec()->GetIthTableReference(0)->GetDerivedTable();
     RqAbstractList* inner = table->GetInnerList();
@@ -116,24 +105,6 @@ TEST(ListClauses, EveryFilterReadsBackTheConditionItWasGiven) {
     check(detail);
     check(summary);
     check(having);
-}
-
-TEST(ListReferences, ReferencesRegisterSwitchAndAreClearedWhenTheColumnGoes) {
-    auto* a = RQ_NEW RqDerivedColumn(Col(1));
-    RqDerivedColumn b(Col(2));
-    Heap<RqDerivedColumnReference> r1(RQ_NEW RqDerivedColumnReference(a));
-    Heap<RqDerivedColumnReference> r2(RQ_NEW RqDerivedColumnReference(a));
-    { Heap<RqDerivedColumnReference> r3(RQ_NEW RqDerivedColumnReference(a)); }
-    RqDerivedColumnReferenceVector refs;
-    a->GetReferences(refs);
-    EXPECT_EQ(refs, (RqDerivedColumnReferenceVector{r1.Get(), r2.Get()}));
-    a->SwitchDerivedColumnReferences(&b);
-    EXPECT_EQ(a->GetNumReferences(), 0);
-    EXPECT_EQ(r2->GetDerivedColumn(), &b);
-    r2->SetDerivedColumn(a);
-    delete a;
-    EXPECT_EQ(r2->GetDerivedColumn(), nullptr);
-    EXPECT_EQ(r1->GetDerivedColumn(), &b);
 }
 
 TEST(ListProjection, NumberingHandsOutFreshNumbersPastExplicitOnes) {
