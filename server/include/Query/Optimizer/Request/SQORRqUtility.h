@@ -176,7 +176,7 @@ enum class RqExprTextForm {
 RqExprTextForm GetExprTextForm(RqNodeType_e kind);
 
 // A deterministic one-line text of a node. An expression is written in a compact infix form
-// (see SQORRqUtility.cpp for the forms); any other node as its kind name followed by its own
+// (see SQORRqText.cpp for the forms); any other node as its kind name followed by its own
 // fields and, for nodes that hold expressions directly (derived columns, filters, GROUP BY),
 // ": " and the text of those expressions. With a gateway, repository names are looked up for
 // target columns and tables that carry no name of their own. Null gives "<null>".
