@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "Query/Optimizer/Request/SQORRqBuilder.h"
+#include "Query/Optimizer/Request/SQORRqUtility.h"
 #include "Query/Optimizer/Request/SQORRqVerifier.h"
 
 namespace {
@@ -26,21 +27,13 @@ TEST(BuilderTest, ColumnNumbersComeFromTheGeneratorAndSortKeysByPosition) {
                            .From(Table(VoidID(3, 1), 1))
                            .OrderBy({{1, RqSortSpec::kDesc}, {3}})
                            .Build());
+    // An explicit number moves the generator past it; sort keys name columns by number.
     RqProjection* projection = block->GetProjection();
-    ASSERT_EQ(projection->GetNumColumns(), 4);
-    EXPECT_EQ(projection->GetIthColumn(0)->GetColumnNum(), 4);
-    EXPECT_EQ(projection->GetIthColumn(1)->GetColumnNum(), 10);
-    // An explicit number moves the generator past it.
-    EXPECT_EQ(projection->GetIthColumn(2)->GetColumnNum(), 11);
-    EXPECT_EQ(projection->GetIthColumn(3)->GetColumnNum(), 2);
-
-    RqOrderBy* orderBy = block->GetOrderBy();
-    ASSERT_NE(orderBy, nullptr);
-    ASSERT_EQ(orderBy->GetNumSortSpecs(), 2);
-    EXPECT_EQ(orderBy->GetIthSortSpec(0)->GetColumnNumber(), 10);
-    EXPECT_EQ(orderBy->GetIthSortSpec(0)->GetSortDirection(), RqSortSpec::kDesc);
-    EXPECT_EQ(orderBy->GetIthSortSpec(1)->GetColumnNumber(), 2);
-    EXPECT_EQ(orderBy->GetIthSortSpec(1)->GetSortDirection(), RqSortSpec::kAsc);
+    std::vector<int> numbers;
+    for (int i = 0; i < projection->GetNumColumns(); ++i)
+        numbers.push_back(projection->GetIthColumn(i)->GetColumnNum());
+    EXPECT_EQ(numbers, (std::vector<int>{4, 10, 11, 2}));
+    EXPECT_EQ(ToString(block->GetOrderBy()).ToUtf8(), "RqOrderBy (#10 DESC, #2 ASC)");
     EXPECT_TRUE(RqVerifier::Verify(*block).empty()) << Report(*block);
 }
 
@@ -57,55 +50,26 @@ TEST(BuilderTest, FromAndJoinMakeOneJoinNodeEach) {
                            .Where(IsNull(Col(L"z", 4)))
                            .Build());
     RqJoinSpec* joinSpec = block->GetJoinSpec();
-    ASSERT_NE(joinSpec, nullptr);
     ASSERT_EQ(joinSpec->GetNumTableReferences(), 2);
-
     RqTableReference* join = joinSpec->GetIthTableReference(0);
-    EXPECT_EQ(join->GetJoinType(), SqlTableRef::kLeftOuterJoin);
-    ASSERT_NE(join->GetDerivedTable(), nullptr);
+    EXPECT_EQ(ToString(join).ToUtf8(), "RqTableReference LEFT: L?.#0 = T2.k");
     EXPECT_EQ(join->GetDerivedTable()->GetInnerList(), left);
-    ASSERT_EQ(join->GetRightNode()->GetObjectType(), kRqTableReference);
-    EXPECT_EQ(join->GetSearchCond()->GetObjectType(), kRqExprCondEquality);
-
+    EXPECT_TRUE(join->GetRightNode()->IsKindOf(kRqTableReference));
     // A plain FROM member is a table reference with no right side and no condition.
     RqTableReference* single = joinSpec->GetIthTableReference(1);
-    EXPECT_EQ(single->GetLeftNode()->GetObjectType(), kRqAtomicTable);
     EXPECT_EQ(single->GetRightNode(), nullptr);
     EXPECT_EQ(single->GetSearchCond(), nullptr);
     EXPECT_TRUE(RqVerifier::Verify(*block).empty()) << Report(*block);
 }
 
-TEST(BuilderTest, AggregatesCarryTheirListsAndFlags) {
+TEST(BuilderTest, AnEmptyByListIsPresentAndAMissingOneIsNot) {
     Heap<RqExprAggr> plain(Sum(Col(L"s", 1)));
     EXPECT_EQ(plain->GetNumOperands(), 3);
     EXPECT_EQ(plain->GetByList(), nullptr);
-    EXPECT_EQ(plain->GetComputeBreak(), nullptr);
-
-    Heap<RqExprAggr> grouped(
-        Sum(Col(L"s", 1), By({Col(L"a", 1), Col(L"b", 1)}), ComputeBreak({Col(L"a", 1)})));
-    ASSERT_NE(grouped->GetByList(), nullptr);
-    EXPECT_EQ(grouped->GetByList()->GetNumColumns(), 2);
-    ASSERT_NE(grouped->GetComputeBreak(), nullptr);
-    EXPECT_EQ(grouped->GetComputeBreak()->GetNumColumns(), 1);
-
-    // An empty by-list is present (the grand total), unlike a missing one.
-    Heap<RqExprAggr> total(Max(Col(L"s", 1), By({})));
+    Heap<RqExprAggr> total(Max(Col(L"s", 1), By({}), ComputeBreak({Col(L"a", 1)})));
     ASSERT_NE(total->GetByList(), nullptr);
     EXPECT_EQ(total->GetByList()->GetNumColumns(), 0);
-
-    Heap<RqExprAggr> distinct(Distinct(Count(Col(L"c", 1))));
-    EXPECT_TRUE(distinct->IsDistinctAggregation());
-    EXPECT_EQ(distinct->GetObjectType(), kRqExprAggrCount);
-
-    Heap<RqExprAggr> star(CountStar());
-    EXPECT_EQ(star->GetObjectType(), kRqExprAggrCountStar);
-    EXPECT_EQ(star->GetMeasure(), nullptr);
-
-    Heap<RqExprAggrRank> rank(SortedBy(Aggr<RqExprAggrRank>(Col(L"s", 1)),
-                                       {{3, RqSortSpec::kDesc}, {1, RqSortSpec::kAsc}}));
-    const RqExprSortDependentAggr::SortKeys expected{{3, RqSortSpec::kDesc}, {1, RqSortSpec::kAsc}};
-    EXPECT_EQ(rank->GetSortSpec(), expected);
-
+    EXPECT_EQ(total->GetComputeBreak()->GetNumColumns(), 1);
     // Lists given but never taken by an aggregate are destroyed with their holder.
     By unused({Col(L"never", 1)});
 }
@@ -127,20 +91,12 @@ TEST(BuilderTest, TargetMarksTheBlockButNotTheBlocksNestedInIt) {
                            .Label(L"outer")
                            .Target(ServerInfo::kBuiltInExecutionEngine)
                            .Build());
-    EXPECT_EQ(outer->GetTargetType(), ServerInfo::kBuiltInExecutionEngine);
     EXPECT_EQ(outer->GetDetailFilter()->GetCond()->GetTargetType(),
               ServerInfo::kBuiltInExecutionEngine);
-    EXPECT_EQ(outer->GetJoinSpec()->GetIthTableReference(0)->GetDerivedTable()->GetTargetType(),
-              ServerInfo::kBuiltInExecutionEngine);
     EXPECT_EQ(inner->GetTargetType(), ServerInfo::kRowStoreDatabase);
-    EXPECT_EQ(inner->GetTargetID(), database);
-    EXPECT_EQ(inner->GetProjection()->GetIthColumn(0)->GetTargetType(),
-              ServerInfo::kRowStoreDatabase);
-
+    EXPECT_EQ(inner->GetProjection()->GetIthColumn(0)->GetTargetID(), database);
     EXPECT_EQ(outer->GetRowLimit(), 10u);
     EXPECT_EQ(outer->GetRowOffset(), 5u);
-    EXPECT_TRUE(outer->IsDistinct());
-    EXPECT_EQ(outer->GetLabel(), L"outer");
 }
 
 TEST(BuilderTest, ReferencesToListsNameTheColumnsTheListExposes) {

@@ -1,8 +1,11 @@
-// Tree searches, ancestor lookups, node paths and the one-line text of nodes and expressions.
+// Tree searches, ancestor lookups, the block a block reads, node paths and the one-line text
+// of nodes and expressions.
 
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <set>
+#include <type_traits>
 
 #include "Platform/Repository.h"
 #include "Query/Optimizer/Request/SQORRqBuilder.h"
@@ -56,162 +59,202 @@ struct NestedRequest {
     }
 };
 
+RqList* Leaf(const wchar_t* label, int tableNum) {
+    return Block()
+        .Label(label)
+        .Select(Col(L"a", tableNum))
+        .From(Table(VoidID(3, 1), tableNum))
+        .Build();
+}
+
+// A blank node of every kind that has a class, each made by its default constructor.
+RqNode* MakeBlank(RqNodeType_e kind) {
+    switch (kind) {
+#define RQ_BLANK(kind, cls)                                 \
+    case kind:                                              \
+        if constexpr (std::is_default_constructible_v<cls>) \
+            return RQ_NEW cls();                            \
+        return nullptr;
+#define RQ_BLANK_G(kind, cls) RQ_BLANK(kind, cls)
+#define RQ_BLANK_H(kind, cls) RQ_BLANK(kind, cls)
+#define RQ_BLANK_A(kind, cls)
+#define RQ_BLANK_N(kind, cls)
+#define RQ_BLANK_ROW_K(kind, cls, decl) RQ_BLANK_##decl(kind, cls)
+#define RQ_BLANK_ROW_C(kind, cls, decl)
+#define RQ_BLANK_ROW_M(kind, cls, decl)
+#define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) \
+    RQ_BLANK_ROW_##row(kind, cls, decl)
+#include "Query/Optimizer/Request/SQORRqNodeKinds.def"
+#undef RQ_NODE_KIND
+#undef RQ_BLANK_ROW_K
+#undef RQ_BLANK_ROW_C
+#undef RQ_BLANK_ROW_M
+#undef RQ_BLANK_G
+#undef RQ_BLANK_H
+#undef RQ_BLANK_A
+#undef RQ_BLANK_N
+#undef RQ_BLANK
+        default:
+            return nullptr;
+    }
+}
+
+// The kinds whose classes are generated from the kind table: their only state is their
+// operands.
+std::set<int> GeneratedKinds() {
+    std::set<int> kinds;
+#define RQ_GEN_ROW_K_G(value) kinds.insert(value);
+#define RQ_GEN_ROW_K_H(value)
+#define RQ_GEN_ROW_K_A(value)
+#define RQ_GEN_ROW_K_N(value)
+#define RQ_GEN_ROW_C_A(value)
+#define RQ_GEN_ROW_M_N(value)
+#define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) \
+    RQ_GEN_ROW_##row##_##decl(value)
+#include "Query/Optimizer/Request/SQORRqNodeKinds.def"
+#undef RQ_NODE_KIND
+#undef RQ_GEN_ROW_K_G
+#undef RQ_GEN_ROW_K_H
+#undef RQ_GEN_ROW_K_A
+#undef RQ_GEN_ROW_K_N
+#undef RQ_GEN_ROW_C_A
+#undef RQ_GEN_ROW_M_N
+    return kinds;
+}
+
 }  // namespace
 
 // ---- Collectors -------------------------------------------------------------------------------
 
-TEST(UtilityTest, FindNodesIsPreOrderInChildOrderAndIncludesTheRoot) {
+TEST(UtilityTest, FindNodesIsPreOrderFromTheRootAndCanStopAtMatches) {
     NestedRequest r;
     RqNodeVector lists;
     FindNodes(r.m_request.Get(), RqNode::IsObjectType(kRqList), lists);
-    // The outer block's WHERE clause comes after its FROM clause, so the derived table's
-    // block is met before the subquery's.
-    ASSERT_EQ(lists.size(), 3u);
-    EXPECT_EQ(lists[0], r.m_pOuter);
-    EXPECT_EQ(lists[1], r.m_pInner);
-    EXPECT_EQ(lists[2], r.m_pSub);
-
+    // The outer block's WHERE clause comes after its FROM clause.
+    EXPECT_EQ(lists, (RqNodeVector{r.m_pOuter, r.m_pInner, r.m_pSub}));
     RqNodeVector self;
     FindNodes(r.m_pInner, RqNode::IsObjectType(kRqAbstractList), self);
-    ASSERT_EQ(self.size(), 1u);
-    EXPECT_EQ(self[0], r.m_pInner);
-
-    RqNodeVector columns;
-    FindNodes(r.m_request.Get(), RqNode::IsObjectType(kRqDerivedColumn), columns);
-    ASSERT_EQ(columns.size(), 5u);
-    EXPECT_EQ(columns[0], r.m_pOuter->GetProjection()->GetIthColumn(0));
-    EXPECT_EQ(columns[2], r.m_pInner->GetProjection()->GetIthColumn(0));
-    EXPECT_EQ(columns[4], r.m_pSub->GetProjection()->GetIthColumn(0));
-}
-
-TEST(UtilityTest, FindNodesCanStopAtMatchesAndTakesAnyPredicateForm) {
-    NestedRequest r;
+    EXPECT_EQ(self, RqNodeVector{r.m_pInner});
     RqNodeVector outermost;
     FindNodes(r.m_request.Get(), RqNode::IsObjectType(kRqAbstractList), outermost, false);
-    ASSERT_EQ(outermost.size(), 1u);
-    EXPECT_EQ(outermost[0], r.m_pOuter);
+    EXPECT_EQ(outermost, RqNodeVector{r.m_pOuter});
 
-    // A predicate on mutable nodes, and kind tests that include derived kinds.
+    // Predicates on mutable or constant nodes; kind tests include derived kinds.
     RqNodeVector aggregates;
     FindNodes(
         r.m_request.Get(), [](RqNode* node) { return RqNode::IsAggrNode(node); }, aggregates);
     ASSERT_EQ(aggregates.size(), 1u);
     EXPECT_EQ(aggregates[0]->GetObjectType(), kRqExprAggrSum);
-
-    RqNodeVector conds;
-    FindNodes(r.m_pOuter, RqNode::IsObjectType(kRqExprCond), conds);
-    ASSERT_EQ(conds.size(), 1u);
-    EXPECT_EQ(conds[0]->GetObjectType(), kRqExprCondExists);
-}
-
-TEST(UtilityTest, FoundNodesAnswersWhetherAnyNodeMatches) {
-    NestedRequest r;
     const RqNode* root = r.m_request.Get();
-    EXPECT_TRUE(FoundNodes(root, RqNode::IsObjectType(kRqExprAggrSum)));
-    EXPECT_TRUE(FoundNodes(root, RqNode::IsObjectType({kRqUnion, kRqExprLogicalSubquery})));
-    EXPECT_FALSE(FoundNodes(root, RqNode::IsObjectType(kRqUnion)));
+    EXPECT_TRUE(FoundNodes(root, RqNode::IsObjectType({kRqUnion, kRqExprCond})));
     EXPECT_FALSE(FoundNodes(r.m_pSub, RqNode::IsObjectType(kRqExprAggr)));
-    // A predicate written for mutable nodes is accepted on a constant tree.
-    EXPECT_TRUE(
-        FoundNodes(root, [](RqNode* node) { return node == nullptr ? false : node->IsRqList(); }));
+    EXPECT_TRUE(FoundNodes(root, [](RqNode* node) { return node->IsRqList(); }));
     EXPECT_FALSE(FoundNodes(nullptr, RqNode::IsObjectType(kRqList)));
 }
 
-TEST(UtilityTest, FindTableNodesDoesNotDescendBelowAMatch) {
-    RqList* left =
-        Block().Select(Col(L"a", 1)).From(Derived(Block().Select(Col(L"a", 1)).Build(), 1)).Build();
-    RqList* right = Block().Select(Col(L"b", 2)).From(Table(VoidID(3, 2), 2)).Build();
-    Heap<RqHandleNode> request(Request(Union({left, right}, true)));
+TEST(UtilityTest, FindTableNodesTakesOutermostMatchesOrEveryMatchWhenAskedToDescend) {
+    // union all { union all { A, B }, C }, C over a derived table over D.
+    RqList* a = Leaf(L"A", 1);
+    RqList* b = Leaf(L"B", 2);
+    RqList* d = Leaf(L"D", 4);
+    RqList* c = Block().Label(L"C").Select(Col(L"a", 3)).From(Derived(d, 3)).Build();
+    RqUnion* inner = Union({a, b}, true);
+    Heap<RqHandleNode> request(Request(Union({inner, c}, true)));
 
-    std::vector<RqAbstractList*> lists;
-    FindTableNodes<RqAbstractList>(request.Get(), RqNode::IsObjectType(kRqAbstractList), lists);
-    ASSERT_EQ(lists.size(), 1u);
-    EXPECT_EQ(lists[0]->GetObjectType(), kRqUnion);
+    std::vector<RqUnion*> unions;
+    FindTableNodes<RqUnion>(request.Get(), RqNode::IsObjectType(kRqUnion), unions);
+    EXPECT_EQ(unions, std::vector<RqUnion*>{static_cast<RqUnion*>(request->GetRqNode())});
+    unions.clear();
+    FindTableNodes<RqUnion>(request.Get(), RqNode::IsObjectType(kRqUnion), unions, true);
+    EXPECT_EQ(unions, (std::vector<RqUnion*>{static_cast<RqUnion*>(request->GetRqNode()), inner}));
 
     std::vector<RqList*> blocks;
-    FindTableNodes<RqList>(request->GetRqNode(), RqNode::IsObjectType(kRqList), blocks);
-    ASSERT_EQ(blocks.size(), 2u);
-    EXPECT_EQ(blocks[0], left);
-    EXPECT_EQ(blocks[1], right);
-
-    std::vector<RqDerivedTable*> tables;
-    FindTableNodes<RqDerivedTable>(request.Get(), RqNode::IsObjectType(kRqDerivedTable), tables);
-    ASSERT_EQ(tables.size(), 1u);
-    EXPECT_EQ(tables[0]->GetParent()->GetParent()->GetParent()->GetParent(), left);
+    FindTableNodes<RqList>(request.Get(), RqNode::IsObjectType(kRqList), blocks);
+    EXPECT_EQ(blocks, (std::vector<RqList*>{a, b, c}));
+    blocks.clear();
+    FindTableNodes<RqList>(request.Get(), RqNode::IsObjectType(kRqList), blocks, true);
+    EXPECT_EQ(blocks, (std::vector<RqList*>{a, b, c, d}));
 }
 
-TEST(UtilityTest, CollectorsWalkVeryDeepTreesWithoutRecursion) {
+TEST(UtilityTest, CollectorsAndTextWalkVeryDeepTreesWithoutRecursion) {
     // A left-deep chain of 100000 ANDs would overflow a recursive walk.
     const int depth = 100000;
     RqExpr* chain = Eq(Col(L"a", 1), Int(0));
     for (int i = 1; i <= depth; ++i)
         chain = And(chain, Eq(Col(L"a", 1), Int(i)));
     Heap<RqExpr> owner(chain);
-
     RqNodeVector literals;
     FindNodes(chain, RqNode::IsObjectType(kRqExprIntegerLiteral), literals);
     ASSERT_EQ(literals.size(), static_cast<size_t>(depth + 1));
-    EXPECT_EQ(static_cast<RqExprIntegerLiteral*>(literals.front())->GetValue(), 0);
-    EXPECT_EQ(static_cast<RqExprIntegerLiteral*>(literals.back())->GetValue(), depth);
     EXPECT_FALSE(FoundNodes(chain, RqNode::IsObjectType(kRqExprCondOr)));
-
     const std::string text = Text(chain);
     EXPECT_EQ(text.substr(0, 25), "T1.a = 0 AND T1.a = 1 AND");
     EXPECT_EQ(text.substr(text.size() - 13), "T1.a = 100000");
 }
 
-// ---- Ancestors and paths ------------------------------------------------------------------------
+// ---- Ancestors, child blocks and paths ----------------------------------------------------------
 
 TEST(UtilityTest, ParentSearchesFindTheNearestStrictAncestor) {
     NestedRequest r;
     RqDerivedColumn* innerColumn = r.m_pInner->GetProjection()->GetIthColumn(1);
     RqExpr* sum = innerColumn->GetExpr();
-
     EXPECT_EQ(RqNodeUtility::GetParentRqList(sum), r.m_pInner);
-    // Never the node itself.
-    EXPECT_EQ(RqNodeUtility::GetParentRqList(r.m_pInner), r.m_pOuter);
+    EXPECT_EQ(RqNodeUtility::GetParentRqList(r.m_pInner), r.m_pOuter) << "never the node itself";
     EXPECT_EQ(RqNodeUtility::GetParentRqList(r.m_pOuter), nullptr);
-    EXPECT_EQ(RqNodeUtility::GetParentRqList(static_cast<RqNode*>(nullptr)), nullptr);
-
-    EXPECT_EQ(RqNodeUtility::GetParentNodeOfType(sum, RqNode::IsObjectType(kRqDerivedTable)),
-              r.m_pInner->GetParent());
-    EXPECT_EQ(RqNodeUtility::GetParentNodeOfType(sum, RqNode::IsObjectType(kRqHandleNode)),
-              r.m_request.Get());
+    EXPECT_EQ(RqNodeUtility::GetParentRqList(r.m_pSub), r.m_pOuter);
+    EXPECT_EQ(RqNodeUtility::GetParentAbstractList(r.m_pSub->GetProjection()), r.m_pSub);
     EXPECT_EQ(RqNodeUtility::GetParentNodeOfType(
                   sum, RqNode::IsObjectType({kRqDerivedColumn, kRqJoinSpec})),
               innerColumn);
-    EXPECT_EQ(
-        RqNodeUtility::GetParentNodeOfType(r.m_request.Get(), RqNode::IsObjectType(kRqNullNode)),
-        nullptr);
-
-    // The subquery's block lies below the outer block's WHERE clause.
-    EXPECT_EQ(RqNodeUtility::GetParentRqList(r.m_pSub), r.m_pOuter);
-    EXPECT_EQ(RqNodeUtility::GetParentAbstractList(r.m_pSub->GetProjection()), r.m_pSub);
-
+    EXPECT_EQ(RqNodeUtility::GetParentNodeOfType(sum, RqNode::IsObjectType(kRqNullNode)), nullptr);
     EXPECT_EQ(RqNodeUtility::GetRoot(sum), r.m_request.Get());
     EXPECT_TRUE(RqNodeUtility::IsAncestorOrSelf(r.m_pOuter, sum));
     EXPECT_TRUE(RqNodeUtility::IsAncestorOrSelf(sum, sum));
     EXPECT_FALSE(RqNodeUtility::IsAncestorOrSelf(r.m_pSub, sum));
 }
 
-TEST(UtilityTest, ChildListsAreTheOutermostListsBelowANode) {
-    NestedRequest r;
+TEST(UtilityTest, ChildRqListIsTheBlockTheFromClauseReadsAndNothingDeeper) {
+    // A subquery in the projection and one in the WHERE clause are not what a block reads.
+    RqList* inner = Leaf(L"inner", 1);
+    RqList* outer = Block()
+                        .Select(Subquery(Leaf(L"select", 5)))
+                        .From(Table(VoidID(3, 2), 2))
+                        .Join(SqlTableRef::kLeftOuterJoin, Table(VoidID(3, 3), 3),
+                              Derived(inner, 4), Exists(Leaf(L"on", 6)))
+                        .Where(Exists(Leaf(L"where", 7)))
+                        .Build();
+    Heap<RqHandleNode> request(Request(outer));
+    EXPECT_EQ(RqNodeUtility::GetChildRqList(outer), inner);
+    RqTableReference* join = outer->GetJoinSpec()->GetIthTableReference(1);
+    EXPECT_EQ(RqNodeUtility::GetChildRqList(outer->GetJoinSpec()), inner);
+    EXPECT_EQ(RqNodeUtility::GetChildRqList(join), inner);
+    EXPECT_EQ(RqNodeUtility::GetChildRqList(join->GetRightNode()), inner);
+    EXPECT_EQ(RqNodeUtility::GetChildRqList(inner), nullptr) << "a FROM clause of tables only";
+    EXPECT_EQ(RqNodeUtility::GetChildRqList(request.Get()), nullptr) << "not a block";
+
+    // The lists below a node, outermost first and subqueries included, are another question.
     RqAbstractListVector lists;
-    RqNodeUtility::GetChildRqLists(r.m_pOuter, lists);
-    ASSERT_EQ(lists.size(), 2u);
-    EXPECT_EQ(lists[0], r.m_pInner);
-    EXPECT_EQ(lists[1], r.m_pSub);
-    EXPECT_EQ(RqNodeUtility::GetChildRqList(r.m_request.Get()), r.m_pOuter);
-    EXPECT_EQ(RqNodeUtility::GetChildRqList(r.m_pSub), nullptr);
+    RqNodeUtility::GetChildRqLists(outer, lists);
+    ASSERT_EQ(lists.size(), 4u);
+    EXPECT_EQ(lists[1], inner);
+
+    // The first derived table decides: over a set operation or a break filter there is no one
+    // block, so the answer is null even when a later derived table reads a block.
+    for (RqAbstractList* first :
+         {static_cast<RqAbstractList*>(Union({Leaf(L"u1", 1), Leaf(L"u2", 2)}, true)),
+          static_cast<RqAbstractList*>(BreakFilter(Leaf(L"b", 1), {0}))}) {
+        Heap<RqList> block(Block()
+                               .Select(Int(1))
+                               .From(Derived(first, 1))
+                               .From(Derived(Leaf(L"later", 2), 2))
+                               .Build());
+        EXPECT_EQ(RqNodeUtility::GetChildRqList(block.Get()), nullptr) << Text(first);
+    }
 }
 
 TEST(UtilityTest, PathNamesKindsAndChildIndexesFromTheRoot) {
     NestedRequest r;
     EXPECT_EQ(U(RqNodeUtility::GetPath(r.m_request.Get())), "RqHandleNode");
-    EXPECT_EQ(
-        U(RqNodeUtility::GetPath(r.m_pInner->GetProjection()->GetIthColumn(1))),
-        "RqHandleNode/RqList[0]/RqJoinSpec[1]/RqJoinNode[0]/RqTableReference[0]/RqDerivedTable[0]/"
-        "RqList[0]/RqProjection[0]/RqDerivedColumn[1]");
     EXPECT_EQ(U(RqNodeUtility::GetPath(r.m_pSub)),
               "RqHandleNode/RqList[0]/RqDetailFilter[2]/RqExprCondExists[0]/"
               "RqExprLogicalSubquery[0]/RqList[0]");
@@ -222,8 +265,7 @@ TEST(UtilityTest, PathNamesKindsAndChildIndexesFromTheRoot) {
     EXPECT_EQ(U(RqNodeUtility::GetPath(nullptr)), "<null>");
 }
 
-// ---- Expression searches
-// -------------------------------------------------------------------------
+// ---- Expression searches ----------------------------------------------------------------------
 
 TEST(UtilityTest, FindEquivalentSubExprReturnsTheFirstInPreOrder) {
     // (a + b) * (a + b) - b
@@ -232,17 +274,12 @@ TEST(UtilityTest, FindEquivalentSubExprReturnsTheFirstInPreOrder) {
     Heap<RqExpr> sumPattern(Add(Col(L"a", 1), Col(L"b", 1)));
     Heap<RqExpr> columnPattern(Col(L"b", 1));
     Heap<RqExpr> absent(Add(Col(L"b", 1), Col(L"a", 1)));
-
     RqExpr* product = root->GetIthOperand(0);
     EXPECT_EQ(SubExprFinder::FindEquivalentSubExpr(root.Get(), *sumPattern),
               product->GetIthOperand(0));
-    // The first b met in pre-order is inside the product, not the right operand of the root.
     EXPECT_EQ(SubExprFinder::FindEquivalentSubExpr(root.Get(), *columnPattern),
               product->GetIthOperand(0)->GetIthOperand(1));
-    EXPECT_EQ(SubExprFinder::FindEquivalentSubExpr(root.Get(), *root), root.Get());
     EXPECT_EQ(SubExprFinder::FindEquivalentSubExpr(root.Get(), *absent), nullptr);
-    EXPECT_EQ(SubExprFinder::FindEquivalentSubExpr(static_cast<const RqExpr*>(nullptr), *absent),
-              nullptr);
 }
 
 TEST(UtilityTest, AllDerivedColumnReferencesIncludeThoseOfSubqueries) {
@@ -250,114 +287,85 @@ TEST(UtilityTest, AllDerivedColumnReferencesIncludeThoseOfSubqueries) {
     RqDerivedColumnReferenceVector refs;
     RqExprUtility::GetAllDerivedColumnReferences(r.m_pOuter, refs);
     ASSERT_EQ(refs.size(), 3u);
-    EXPECT_EQ(refs[0]->GetDerivedColumn(), r.m_pInner->GetProjection()->GetIthColumn(0));
     EXPECT_EQ(refs[1]->GetDerivedColumn(), r.m_pInner->GetProjection()->GetIthColumn(1));
-    EXPECT_EQ(refs[2]->GetParent()->GetParent()->GetParent(), r.m_pSub);
-
-    // Results are appended.
+    EXPECT_EQ(RqNodeUtility::GetParentRqList(refs[2]), r.m_pSub);
     RqExprUtility::GetAllDerivedColumnReferences(r.m_pSub, refs);
-    EXPECT_EQ(refs.size(), 4u);
-    RqExprUtility::GetAllDerivedColumnReferences(r.m_pInner, refs);
-    EXPECT_EQ(refs.size(), 4u);
+    EXPECT_EQ(refs.size(), 4u) << "results are appended";
 }
 
-// ---- Text ---------------------------------------------------------------------------------------
+// ---- Text -------------------------------------------------------------------------------------
 
-TEST(UtilityTest, ArithmeticIsInfixWithParenthesesOnlyWhereTheTreeNeedsThem) {
+TEST(UtilityTest, OperatorsTakeParenthesesOnlyWhereTheirOperandsBindMoreWeakly) {
     auto a = [] { return Col(L"a", 1); };
     auto b = [] { return Col(L"b", 1); };
     auto c = [] { return Col(L"c", 1); };
-    Heap<RqExpr> e1(Mul(Add(a(), b()), c()));
-    Heap<RqExpr> e2(Add(a(), Mul(b(), c())));
-    Heap<RqExpr> e3(Sub(a(), Sub(b(), c())));
-    Heap<RqExpr> e4(Sub(Sub(a(), b()), c()));
-    Heap<RqExpr> e5(Neg(Add(a(), b())));
-    Heap<RqExpr> e6(Neg(Int(-5)));
-    Heap<RqExpr> e7(Div(a(), Mul(b(), Neg(c()))));
-    EXPECT_EQ(Text(e1.Get()), "(T1.a + T1.b) * T1.c");
-    EXPECT_EQ(Text(e2.Get()), "T1.a + T1.b * T1.c");
-    EXPECT_EQ(Text(e3.Get()), "T1.a - (T1.b - T1.c)");
-    EXPECT_EQ(Text(e4.Get()), "T1.a - T1.b - T1.c");
-    EXPECT_EQ(Text(e5.Get()), "-(T1.a + T1.b)");
-    EXPECT_EQ(Text(e6.Get()), "-(-5)");
-    EXPECT_EQ(Text(e7.Get()), "T1.a / (T1.b * -T1.c)");
-}
-
-TEST(UtilityTest, ConditionsReadLikeSql) {
-    auto a = [] { return Col(L"a", 1); };
-    Heap<RqExpr> e1(
-        And(Or(Eq(a(), Int(1)), Ne(Col(L"b", 1), Str(L"x"))), Not(IsNull(Col(L"c", 1)))));
-    Heap<RqExpr> e2(Or(Lt(a(), Int(1)), And(Ge(a(), Int(5)), Le(a(), Float(7.5)))));
-    Heap<RqExpr> e3(Between(a(), Int(1), Add(Int(2), Int(3))));
-    Heap<RqExpr> e4(Like(Col(L"name", 2), Str(L"A%")));
-    Heap<RqExpr> e5(In(a(), {Int(1), Int(2), Null()}));
-    Heap<RqExpr> e6(Eq(Gt(a(), Int(1)), Eq(a(), Int(2))));
-    Heap<RqExpr> e7(Not(Not(Eq(a(), Int(1)))));
-    EXPECT_EQ(Text(e1.Get()), "(T1.a = 1 OR T1.b <> 'x') AND NOT (T1.c IS NULL)");
-    EXPECT_EQ(Text(e2.Get()), "T1.a < 1 OR T1.a >= 5 AND T1.a <= 7.5");
-    EXPECT_EQ(Text(e3.Get()), "T1.a BETWEEN 1 AND 2 + 3");
-    EXPECT_EQ(Text(e4.Get()), "T2.name LIKE 'A%'");
-    EXPECT_EQ(Text(e5.Get()), "T1.a IN (1, 2, NULL)");
-    EXPECT_EQ(Text(e6.Get()), "(T1.a > 1) = (T1.a = 2)");
-    EXPECT_EQ(Text(e7.Get()), "NOT (NOT (T1.a = 1))");
+    auto concat = [](RqExpr* x, RqExpr* y) { return RQ_NEW RqExprConcat(x, y); };
+    const std::vector<std::pair<RqExpr*, std::string>> cases = {
+        {Mul(Add(a(), b()), c()), "(T1.a + T1.b) * T1.c"},
+        {Add(a(), Mul(b(), c())), "T1.a + T1.b * T1.c"},
+        {Sub(a(), Sub(b(), c())), "T1.a - (T1.b - T1.c)"},
+        {Sub(Sub(a(), b()), c()), "T1.a - T1.b - T1.c"},
+        {Neg(Add(a(), b())), "-(T1.a + T1.b)"},
+        {Neg(Int(-5)), "-(-5)"},
+        {Div(a(), Mul(b(), Neg(c()))), "T1.a / (T1.b * -T1.c)"},
+        {concat(a(), Add(b(), c())), "T1.a || (T1.b + T1.c)"},
+        {Mul(a(), concat(b(), concat(c(), a()))), "T1.a * T1.b || T1.c || T1.a"},
+        {Neg(concat(a(), b())), "-(T1.a || T1.b)"},
+        {And(Or(Eq(a(), Int(1)), Ne(b(), Str(L"x"))), Not(IsNull(c()))),
+         "(T1.a = 1 OR T1.b <> 'x') AND NOT T1.c IS NULL"},
+        {Or(Lt(a(), Int(1)), And(Ge(a(), Int(5)), Le(a(), Float(7.5)))),
+         "T1.a < 1 OR T1.a >= 5 AND T1.a <= 7.5"},
+        {And(Eq(a(), Int(1)), And(Eq(b(), Int(2)), Eq(c(), Int(3)))),
+         "T1.a = 1 AND T1.b = 2 AND T1.c = 3"},
+        {Not(Or(Eq(a(), Int(1)), Not(Eq(b(), Int(2))))), "NOT (T1.a = 1 OR NOT T1.b = 2)"},
+        {Eq(Gt(a(), Int(1)), Eq(a(), Int(2))), "(T1.a > 1) = (T1.a = 2)"},
+        {Between(a(), Int(1), Add(Int(2), Int(3))), "T1.a BETWEEN 1 AND 2 + 3"},
+        {Like(Col(L"name", 2), Str(L"A%")), "T2.name LIKE 'A%'"},
+        {In(a(), {Int(1), Int(2), Null()}), "T1.a IN (1, 2, NULL)"},
+        {RQ_NEW RqExprCondAllGreaterEqual(Add(a(), b()), Subquery(Leaf(L"s", 2))),
+         "T1.a + T1.b >= ALL LOGICALSUBQUERY(RqList label=s)"},
+        {RQ_NEW RqExprAdd(a()), "ADD(T1.a)"},
+    };
+    for (const auto& [expr, expected] : cases) {
+        Heap<RqExpr> owner(expr);
+        EXPECT_EQ(Text(expr), expected);
+    }
 }
 
 TEST(UtilityTest, FunctionsLiteralsAndLeaves) {
-    Heap<RqExpr> upper(RQ_NEW RqExprUpper(Col(L"name", 2)));
-    Heap<RqExpr> substring(RQ_NEW RqExprSubstring(Col(L"name", 2), Int(1), Int(3)));
-    Heap<RqExpr> pi(RQ_NEW RqExprPi());
-    Heap<RqExpr> cast(RQ_NEW RqExprCast(Add(Col(L"a", 1), Int(1)), L"VARCHAR(10)"));
-    Heap<RqExpr> quote(Str(L"it's\nhere"));
-    Heap<RqExpr> date(RQ_NEW RqExprDateLiteral(L"2024-02-29"));
-    Heap<RqExpr> stamp(RQ_NEW RqExprDateTimeLiteral(L"2024-02-29 10:00:00"));
-    Heap<RqExpr> number(RQ_NEW RqExprNumberLiteral(L"12.50"));
-    Heap<RqExpr> param(Param(L"year"));
-    Heap<RqExpr> var(RQ_NEW RqExprSessionVar(L"USER"));
-    Heap<RqExpr> attribute(RQ_NEW RqAttribute(VoidID(7, 2), L"Region"));
-    Heap<RqExpr> unnamed(RQ_NEW RqExprLevel(VoidID(7, 3), L""));
-    Heap<RqExpr> data(RQ_NEW RqExprExternalData(RqExprExternalData::kCSVData, L"a,b\n1,2"));
-    Heap<RqExpr> list(RQ_NEW RqExprColumnList(RqExprVector{Col(L"a", 1), Col(L"b", 1)}));
-    Heap<RqExpr> absent(RQ_NEW RqExprCoalesce({Col(L"a", 1), nullptr}));
-
-    EXPECT_EQ(Text(upper.Get()), "UPPER(T2.name)");
-    EXPECT_EQ(Text(substring.Get()), "SUBSTRING(T2.name, 1, 3)");
-    EXPECT_EQ(Text(pi.Get()), "PI()");
-    EXPECT_EQ(Text(cast.Get()), "CAST(T1.a + 1 AS VARCHAR(10))");
-    EXPECT_EQ(Text(quote.Get()), "'it''s\\nhere'");
-    EXPECT_EQ(Text(date.Get()), "DATE '2024-02-29'");
-    EXPECT_EQ(Text(stamp.Get()), "TIMESTAMP '2024-02-29 10:00:00'");
-    EXPECT_EQ(Text(number.Get()), "12.50");
-    EXPECT_EQ(Text(param.Get()), "PARAM(year)");
-    EXPECT_EQ(Text(var.Get()), "SESSIONVAR(USER)");
-    EXPECT_EQ(Text(attribute.Get()), "ATTRIBUTE(Region)");
-    EXPECT_EQ(Text(unnamed.Get()), "LEVEL(7:3)");
-    EXPECT_EQ(Text(data.Get()), "EXTERNALDATA(CSV, 7 chars)");
-    EXPECT_EQ(Text(list.Get()), "(T1.a, T1.b)");
-    EXPECT_EQ(Text(absent.Get()), "COALESCE(T1.a, <none>)");
-    EXPECT_EQ(Text(nullptr), "<null>");
-}
-
-TEST(UtilityTest, AggregatesShowDistinctByListComputeBreakAndSortKeys) {
-    auto a = [] { return Col(L"a", 1); };
-    auto b = [] { return Col(L"b", 1); };
-    Heap<RqExpr> plain(Sum(a()));
-    Heap<RqExpr> grouped(Sum(a(), By({b(), Col(L"c", 1)})));
-    Heap<RqExpr> total(CountStar(By({})));
-    Heap<RqExpr> distinct(Distinct(Count(a(), By({b()}))));
-    RqExprAggrMax* atBreak = Max(Add(a(), Int(1)), By({b()}), ComputeBreak({Col(L"c", 1)}));
+    const std::vector<std::pair<RqExpr*, std::string>> cases = {
+        {RQ_NEW RqExprSubstring(Col(L"name", 2), Int(1), Int(3)), "SUBSTRING(T2.name, 1, 3)"},
+        {RQ_NEW RqExprPi(), "PI()"},
+        {RQ_NEW RqExprCast(Add(Col(L"a", 1), Int(1)), L"VARCHAR(10)"),
+         "CAST(T1.a + 1 AS VARCHAR(10))"},
+        {Str(L"it's\nhere"), "'it''s\\nhere'"},
+        {RQ_NEW RqExprDateTimeLiteral(L"2024-02-29 10:00:00"), "TIMESTAMP '2024-02-29 10:00:00'"},
+        {RQ_NEW RqExprNumberLiteral(L"12.50"), "12.50"},
+        {Param(L"year"), "PARAM(year)"},
+        {RQ_NEW RqAttribute(VoidID(7, 2), L"Region"), "ATTRIBUTE(Region)"},
+        {RQ_NEW RqExprLevel(VoidID(7, 3), L""), "LEVEL(7:3)"},
+        {RQ_NEW RqExprExternalData(RqExprExternalData::kCSVData, L"a,b\n1,2"),
+         "EXTERNALDATA(CSV, 7 chars)"},
+        {RQ_NEW RqExprColumnList(RqExprVector{Col(L"a", 1), Col(L"b", 1)}), "(T1.a, T1.b)"},
+        {RQ_NEW RqExprCoalesce({Col(L"a", 1), nullptr}), "COALESCE(T1.a, <none>)"},
+        {RQ_NEW RqDerivedColumnReference(), "L?.#?"},
+        {Sum(Col(L"a", 1), By({Col(L"b", 1), Col(L"c", 1)})), "SUM(T1.a BY (T1.b, T1.c))"},
+        {CountStar(By({})), "COUNT(* BY ())"},
+        {Distinct(Count(Col(L"a", 1), By({Col(L"b", 1)}))), "COUNT(DISTINCT T1.a BY (T1.b))"},
+        {SortedBy(Aggr<RqExprAggrRank>(Col(L"a", 1), By({})),
+                  {{3, RqSortSpec::kDesc}, {0, RqSortSpec::kAsc}}),
+         "RANK(T1.a BY () ORDER BY (#3 DESC, #0 ASC))"},
+        {Div(Sum(Col(L"a", 1)), Count(Col(L"a", 1))), "SUM(T1.a) / COUNT(T1.a)"},
+    };
+    for (const auto& [expr, expected] : cases) {
+        Heap<RqExpr> owner(expr);
+        EXPECT_EQ(Text(expr), expected);
+    }
+    RqExprAggrMax* atBreak = Max(Col(L"a", 1), By({Col(L"b", 1)}), ComputeBreak({Col(L"c", 1)}));
     atBreak->SetDistinctComputeBreak(true);
-    Heap<RqExpr> breakOwner(atBreak);
-    Heap<RqExpr> rank(SortedBy(Aggr<RqExprAggrRank>(a(), By({})),
-                               {{3, RqSortSpec::kDesc}, {0, RqSortSpec::kAsc}}));
-    Heap<RqExpr> nested(Div(Sum(a()), Count(a())));
-
-    EXPECT_EQ(Text(plain.Get()), "SUM(T1.a)");
-    EXPECT_EQ(Text(grouped.Get()), "SUM(T1.a BY (T1.b, T1.c))");
-    EXPECT_EQ(Text(total.Get()), "COUNT(* BY ())");
-    EXPECT_EQ(Text(distinct.Get()), "COUNT(DISTINCT T1.a BY (T1.b))");
-    EXPECT_EQ(Text(breakOwner.Get()), "MAX(T1.a + 1 BY (T1.b) AT DISTINCT (T1.c))");
-    EXPECT_EQ(Text(rank.Get()), "RANK(T1.a BY () ORDER BY (#3 DESC, #0 ASC))");
-    EXPECT_EQ(Text(nested.Get()), "SUM(T1.a) / COUNT(T1.a)");
+    Heap<RqExpr> owner(atBreak);
+    EXPECT_EQ(Text(atBreak), "MAX(T1.a BY (T1.b) AT DISTINCT (T1.c))");
+    EXPECT_EQ(Text(nullptr), "<null>");
 }
 
 TEST(UtilityTest, ColumnsNameTheirTableOrTheirBlock) {
@@ -366,12 +374,12 @@ TEST(UtilityTest, ColumnsNameTheirTableOrTheirBlock) {
     RefATable table = repository->AddTable(db, L"dbo", L"SALES");
     RefAColumn amount = repository->AddColumn(table, L"AMOUNT");
     RpSession session(repository);
-
     Heap<RqExpr> unnamed(RQ_NEW RqTargetColumn(amount->GetID(), L"", 2));
-    Heap<RqExpr> named(RQ_NEW RqTargetColumn(amount->GetID(), L"amt", 2));
     EXPECT_EQ(Text(unnamed.Get(), &session), "T2.AMOUNT");
     EXPECT_EQ(Text(unnamed.Get()), "T2.{" + U(amount->GetID().ToString()) + "}");
-    EXPECT_EQ(Text(named.Get(), &session), "T2.amt");
+    Heap<RqNode> atomic(Table(table->GetID(), 4));
+    EXPECT_EQ(Text(atomic.Get(), &session),
+              "RqAtomicTable T4 id=" + U(table->GetID().ToString()) + " name=SALES");
 
     NestedRequest r;
     RqExpr* outerFirst = r.m_pOuter->GetProjection()->GetIthColumn(0)->GetExpr();
@@ -379,37 +387,66 @@ TEST(UtilityTest, ColumnsNameTheirTableOrTheirBlock) {
     EXPECT_EQ(Text(outerFirst), "inner.#" + std::to_string(innerNum));
     r.m_pInner->SetLabel(L"");
     EXPECT_EQ(Text(outerFirst), "L?.#" + std::to_string(innerNum));
-    Heap<RqExpr> dangling(RQ_NEW RqDerivedColumnReference());
-    EXPECT_EQ(Text(dangling.Get()), "L?.#?");
-
-    Heap<RqNode> atomic(Table(table->GetID(), 4));
-    const std::string id = U(table->GetID().ToString());
-    EXPECT_EQ(Text(atomic.Get(), &session), "RqAtomicTable T4 id=" + id + " name=SALES");
-    EXPECT_EQ(Text(atomic.Get()), "RqAtomicTable T4 id=" + id);
 }
 
-TEST(UtilityTest, NodesOtherThanExpressionsGetAShortDescription) {
+TEST(UtilityTest, NodesOtherThanExpressionsShowTheirFieldsAndExpressions) {
     NestedRequest r;
     r.m_pOuter->SetDistinct(true);
     r.m_pOuter->SetRowLimit(10);
     r.m_pOuter->SetOrderBy(
         RQ_NEW RqOrderBy({RQ_NEW RqSortSpec(1, RqSortSpec::kDesc), RQ_NEW RqSortSpec(0)}));
+    r.m_pInner->GetGroupBy()->AddGroupingSet({0});
+    r.m_pInner->GetGroupBy()->AddGroupingSet({});
     RqDerivedColumn* second = r.m_pOuter->GetProjection()->GetIthColumn(1);
-    const std::string num = std::to_string(second->GetColumnNum());
     const std::string sumNum =
         std::to_string(r.m_pInner->GetProjection()->GetIthColumn(1)->GetColumnNum());
-
     EXPECT_EQ(Text(r.m_pOuter), "RqList label=outer distinct limit=10");
-    EXPECT_EQ(Text(second), "RqDerivedColumn #" + num + ": inner.#" + sumNum + " + 1");
+    EXPECT_EQ(Text(second), "RqDerivedColumn #" + std::to_string(second->GetColumnNum()) +
+                                ": inner.#" + sumNum + " + 1");
     EXPECT_EQ(Text(r.m_pOuter->GetOrderBy()), "RqOrderBy (#1 DESC, #0 ASC)");
-    EXPECT_EQ(Text(r.m_pInner->GetGroupBy()), "RqGroupBy: (T1.a)");
+    EXPECT_EQ(Text(r.m_pInner->GetGroupBy()), "RqGroupBy sets=((0), ()): (T1.a)");
     EXPECT_EQ(Text(r.m_pOuter->GetDetailFilter()),
               "RqDetailFilter: EXISTS(LOGICALSUBQUERY(RqList label=sub))");
     EXPECT_EQ(Text(r.m_pInner->GetParent()), "RqDerivedTable T3");
-    EXPECT_EQ(Text(r.m_pInner->GetJoinSpec()->GetIthTableReference(0)), "RqTableReference INNER");
-    EXPECT_EQ(Text(r.m_request.Get()), "RqHandleNode");
-
+    RqSortSpec spec(0, RqSortSpec::kAsc, true, true, RqSortSpec::kLast);
+    EXPECT_EQ(Text(&spec), "RqSortSpec #0 ASC nulls=last logical nocase");
+    second->SetBreakStatus(RqDerivedColumn::kNoDuplicates | RqDerivedColumn::kLobData);
+    EXPECT_EQ(U(RqNodeUtility::GetFieldsText(second)),
+              "#" + std::to_string(second->GetColumnNum()) + " break=NoDuplicates|LobData");
+    Heap<RqUnion> both(Union({Leaf(L"u1", 1), Leaf(L"u2", 2)}, true));
+    both->SetShared(true);
+    both->SetRowOffset(20);
+    EXPECT_EQ(Text(both.Get()), "RqUnion all offset=20 shared");
     RqExprVector pair{r.m_pInner->GetProjection()->GetIthColumn(0)->GetExpr(), second->GetExpr()};
     EXPECT_EQ(U(ToString(pair)), "(T1.a, inner.#" + sumNum + " + 1)");
-    EXPECT_EQ(U(ToString(RqExprVector{})), "()");
+}
+
+TEST(UtilityTest, EveryKindGetsADeliberateTextForm) {
+    const std::set<int> generated = GeneratedKinds();
+    for (int value = 0; value < kRqNodeTypeCount; ++value) {
+        ASSERT_TRUE(RqIsNodeTypeValue(value));
+        const auto kind = static_cast<RqNodeType_e>(value);
+        const RqExprTextForm form = GetExprTextForm(kind);
+        SCOPED_TRACE(RqNodeTypeName(kind));
+        if (RqIsAbstractNodeType(kind)) {
+            EXPECT_EQ(form, RqExprTextForm::kNone);
+            continue;
+        }
+        Heap<RqNode> blank(MakeBlank(kind));
+        ASSERT_NE(blank.Get(), nullptr) << "every class can be made blank";
+        const std::string text = Text(blank.Get());
+        if (!RqIsExprType(kind)) {
+            EXPECT_EQ(form, RqExprTextForm::kNone);
+            EXPECT_EQ(text.substr(0, std::string(RqNodeTypeName(kind)).size()),
+                      RqNodeTypeName(kind));
+            continue;
+        }
+        EXPECT_NE(form, RqExprTextForm::kNone);
+        EXPECT_FALSE(text.empty());
+        // The function form shows operands only: a class with fields of its own (written by
+        // hand) must have a form that shows them.
+        if (form == RqExprTextForm::kFunction) {
+            EXPECT_TRUE(generated.count(value) != 0) << "printed as a plain function";
+        }
+    }
 }

@@ -320,7 +320,8 @@ TEST(VerifierTest, ProjectionsHoldDerivedColumnsWithOneExpression) {
 TEST(VerifierTest, FiltersAndJoinsHoldConditionsAndTables) {
     {
         Sample sample;
-        sample.m_pOuter->GetDetailFilter()->SetCond(Int(1));
+        // A filter accepts only a condition; the generic child operation can still plant one.
+        sample.m_pOuter->GetDetailFilter()->SetIthChild(0, Int(1));
         ExpectOnly(sample.Verify(), RqViolation::kFilterShape, sample.m_pOuter->GetDetailFilter(),
                    kOuter + L"/RqDetailFilter[2]");
     }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Query/Optimizer/Request/SQORRqBuilder.h"
+#include "Query/Optimizer/Request/SQORRqUtility.h"
 #include "Query/Optimizer/Request/SQORRqVerifier.h"
 
 namespace {
@@ -19,18 +20,11 @@ using namespace rqb;
 // The repository's Ref<T> template would make a plain `Ref` ambiguous.
 using rqb::Ref;
 
-std::vector<const RqNode*> Nodes(const RqNode& root) {
-    std::vector<const RqNode*> nodes;
-    std::vector<const RqNode*> work{&root};
-    while (!work.empty()) {
-        const RqNode* node = work.back();
-        work.pop_back();
-        nodes.push_back(node);
-        for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
-            if (node->GetIthChild(i) != nullptr)
-                work.push_back(node->GetIthChild(i));
-        }
-    }
+// Every node of the subtree, in pre-order.
+RqNodeVector Nodes(const RqNode& root) {
+    RqNodeVector nodes;
+    FindNodes(
+        const_cast<RqNode*>(&root), [](const RqNode*) { return true; }, nodes);
     return nodes;
 }
 
@@ -132,14 +126,14 @@ TEST(WideTree, CopiesOfWideAndDeepRequestsReadOnlyTheirOwnColumns) {
     Heap<RqHandleNode> deep(Request(chain));
 
     for (const RqHandleNode* original : {wide.Get(), deep.Get()}) {
-        const std::vector<const RqNode*> originals = Nodes(*original);
+        const RqNodeVector originals = Nodes(*original);
         Heap<RqNode> fresh(original->DeepCopy(false));
         Heap<RqNode> kept(original->DeepCopy(true));
         // A reference to a column outside the copy would be a dangling one here.
         EXPECT_TRUE(RqVerifier::Verify(*fresh).empty())
             << RqVerifier::Describe(RqVerifier::Verify(*fresh)).ToUtf8();
-        const std::vector<const RqNode*> freshNodes = Nodes(*fresh);
-        const std::vector<const RqNode*> keptNodes = Nodes(*kept);
+        const RqNodeVector freshNodes = Nodes(*fresh);
+        const RqNodeVector keptNodes = Nodes(*kept);
         ASSERT_EQ(freshNodes.size(), originals.size());
         ASSERT_EQ(keptNodes.size(), originals.size());
         std::set<uint32_t> ids;

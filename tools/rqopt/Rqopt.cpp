@@ -66,8 +66,11 @@ int ResultColumnCount(RqHandleNode& root) {
     if (request == nullptr)
         return -1;
     RqAbstractList* list = dynamic_cast<RqAbstractList*>(request);
-    if (list == nullptr)
-        list = RqNodeUtility::GetChildRqList(request);
+    if (list == nullptr) {
+        RqAbstractListVector lists;
+        RqNodeUtility::GetChildRqLists(request, lists);
+        list = lists.empty() ? nullptr : lists.front();
+    }
     if (list == nullptr)
         return -1;
     const RqProjection* projection = list->GetProjection();

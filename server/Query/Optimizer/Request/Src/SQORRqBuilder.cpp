@@ -263,9 +263,9 @@ Block& Block::SelectAs(RqExpr* expr, int columnNumber) {
 
 Block& Block::From(RqNode* table) {
     ZK_ASSERT(table != nullptr);
-    RqTableReference* reference = table->GetObjectType() == kRqTableReference
-                                      ? static_cast<RqTableReference*>(table)
-                                      : RQ_NEW RqTableReference(SqlTableRef::kInnerJoin, table);
+    RqTableReference* reference = RqDynCast<RqTableReference>(table);
+    if (reference == nullptr)
+        reference = RQ_NEW RqTableReference(SqlTableRef::kInnerJoin, table);
     if (m_pList->GetJoinSpec() == nullptr)
         m_pList->SetJoinSpec(RQ_NEW RqJoinSpec());
     m_pList->GetJoinSpec()->AddJoinNode(RQ_NEW RqJoinNode(reference));
@@ -276,13 +276,20 @@ Block& Block::Join(SqlTableRef::JoinType joinType, RqNode* left, RqNode* right, 
     return From(JoinRef(joinType, left, right, cond));
 }
 
+namespace {
+// A filter holds a condition; anything else given to a filter clause is a misuse.
+RqExprCond* AsCondition(RqExpr* cond) {
+    return cond != nullptr ? RqCast<RqExprCond>(cond) : nullptr;
+}
+}  // namespace
+
 Block& Block::Where(RqExpr* cond) {
-    m_pList->SetDetailFilter(RQ_NEW RqDetailFilter(cond));
+    m_pList->SetDetailFilter(RQ_NEW RqDetailFilter(AsCondition(cond)));
     return *this;
 }
 
 Block& Block::SummaryFilter(RqExpr* cond) {
-    m_pList->SetSummaryFilter(RQ_NEW RqSummaryFilter(cond));
+    m_pList->SetSummaryFilter(RQ_NEW RqSummaryFilter(AsCondition(cond)));
     return *this;
 }
 
@@ -292,7 +299,7 @@ Block& Block::GroupBy(std::initializer_list<RqExpr*> exprs) {
 }
 
 Block& Block::Having(RqExpr* cond) {
-    m_pList->SetHaving(RQ_NEW RqHaving(cond));
+    m_pList->SetHaving(RQ_NEW RqHaving(AsCondition(cond)));
     return *this;
 }
 

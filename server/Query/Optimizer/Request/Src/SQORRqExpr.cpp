@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/ZKThread.h"
 #include "Query/Optimizer/Request/SQORAVisitorRqExpr.h"
 #include "Query/Optimizer/Request/SQORRqEquivalence.h"
 #include "Query/Optimizer/Request/SQORRqList.h"
@@ -106,25 +107,27 @@ void RqExpr::AdoptOperands(std::initializer_list<RqExpr*> operands) {
 }
 
 RqExpr* RqExpr::GetIthOperand(int i) const {
-    RqNode* child = GetIthChild(i);
-    return (child != nullptr && child->IsExpr()) ? static_cast<RqExpr*>(child) : nullptr;
+    return RqDynCast<RqExpr>(GetIthChild(i));
 }
 
 RqExpr* RqExpr::ReplaceIthOperand(int i, RqExpr* operand) {
     // The slot of a subquery's block is not an operand: handing the block back as an
     // expression would be a type confusion.
     ZK_ASSERT(GetIthChild(i) == nullptr || GetIthChild(i)->IsExpr());
-    return static_cast<RqExpr*>(ReplaceIthChild(i, operand));
+    return RqDynCast<RqExpr>(ReplaceIthChild(i, operand));
 }
 
 RqExpr* RqExpr::DeepExprCopy(bool keepIdentity) const {
-    return static_cast<RqExpr*>(DeepCopy(keepIdentity));
+    return RqCast<RqExpr>(DeepCopy(keepIdentity));
 }
 
 // Pre-order with an explicit stack, so that long chains of operands do not deepen the call
 // stack. Each entry remembers the next operand to enter; the operand count is read afresh at
-// every step because a Visit may rewrite the operands of the expression it is given.
+// every step because a Visit may rewrite the operands of the expression it is given. A
+// visitor that walks operands itself calls Accept from inside Visit, which nests on the call
+// stack: every entry checks the stack first, so such a walk ends with the stack error.
 void RqExpr::Accept(AVisitorRqExpr& visitor) {
+    ZKThread::LowStackCheck(0);
     if (DispatchExprVisit(visitor))
         return;
     std::vector<std::pair<RqExpr*, int>> work;
@@ -135,10 +138,9 @@ void RqExpr::Accept(AVisitorRqExpr& visitor) {
             work.pop_back();
             continue;
         }
-        RqNode* child = expr->GetIthChild(next++);
-        if (child == nullptr || !child->IsExpr())
+        RqExpr* operand = RqDynCast<RqExpr>(expr->GetIthChild(next++));
+        if (operand == nullptr)
             continue;
-        RqExpr* operand = static_cast<RqExpr*>(child);
         if (!operand->DispatchExprVisit(visitor))
             work.emplace_back(operand, 0);
     }
@@ -172,16 +174,26 @@ bool RqExpr::IsValueExpr() const {
     return !NonValueKinds().test(static_cast<size_t>(GetObjectType()));
 }
 
+bool RqExpr::IsInnerProjectable() const {
+    return IsKindOf(kRqColumn) || GetObjectType() == kRqExprRowID;
+}
+
+bool RqExpr::IsInnerProjectable(const RqProjection& inner) const {
+    if (const auto* ref = RqDynCast<RqDerivedColumnReference>(this)) {
+        const RqDerivedColumn* column = ref->GetDerivedColumn();
+        return column != nullptr && column->GetProjection() == &inner;
+    }
+    return IsInnerProjectable();
+}
+
 // ---- Conditions ----------------------------------------------------------------------------
 
 RqExprCond* RqExprCondConnective::GetLeftCond() const {
-    RqExpr* operand = GetNumOperands() > 0 ? GetIthOperand(0) : nullptr;
-    return (operand != nullptr && operand->IsCond()) ? static_cast<RqExprCond*>(operand) : nullptr;
+    return RqDynCast<RqExprCond>(GetNumOperands() > 0 ? GetIthOperand(0) : nullptr);
 }
 
 RqExprCond* RqExprCondConnective::GetRightCond() const {
-    RqExpr* operand = GetNumOperands() > 1 ? GetIthOperand(1) : nullptr;
-    return (operand != nullptr && operand->IsCond()) ? static_cast<RqExprCond*>(operand) : nullptr;
+    return RqDynCast<RqExprCond>(GetNumOperands() > 1 ? GetIthOperand(1) : nullptr);
 }
 
 RqExprCond* RqExprCondAnd::Concatenate(RqExprCond* left, RqExprCond* right) {
@@ -193,8 +205,8 @@ RqExprCond* RqExprCondAnd::Concatenate(RqExprCond* left, RqExprCond* right) {
 }
 
 RqExprCond* RqExprCondAnd::ConcatenateCopy(RqExprCond* left, const RqExprCond* right) {
-    return Concatenate(
-        left, right != nullptr ? static_cast<RqExprCond*>(right->DeepExprCopy(false)) : nullptr);
+    return Concatenate(left,
+                       right != nullptr ? RqCast<RqExprCond>(right->DeepExprCopy(false)) : nullptr);
 }
 
 RqExprCond* RqExprCondOr::Concatenate(RqExprCond* left, RqExprCond* right) {
@@ -206,8 +218,8 @@ RqExprCond* RqExprCondOr::Concatenate(RqExprCond* left, RqExprCond* right) {
 }
 
 RqExprCond* RqExprCondOr::ConcatenateCopy(RqExprCond* left, const RqExprCond* right) {
-    return Concatenate(
-        left, right != nullptr ? static_cast<RqExprCond*>(right->DeepExprCopy(false)) : nullptr);
+    return Concatenate(left,
+                       right != nullptr ? RqCast<RqExprCond>(right->DeepExprCopy(false)) : nullptr);
 }
 
 // ---- Derived column references -------------------------------------------------------------
@@ -258,10 +270,8 @@ void RqDerivedColumnReference::SetDerivedColumn(RqDerivedColumn* column) {
 void RqDerivedColumnReference::FixUpCopy(const CopyMap& map) {
     if (m_pColumn == nullptr)
         return;
-    if (RqNode* copy = map.Find(m_pColumn)) {
-        ZK_ASSERT(copy->GetObjectType() == kRqDerivedColumn);
-        SetDerivedColumn(static_cast<RqDerivedColumn*>(copy));
-    }
+    if (RqNode* copy = map.Find(m_pColumn))
+        SetDerivedColumn(RqCast<RqDerivedColumn>(copy));
 }
 
 // ---- Subqueries ----------------------------------------------------------------------------
@@ -273,10 +283,7 @@ RqExprSubquery::RqExprSubquery(RqAbstractList* query) {
 RqAbstractList* RqExprSubquery::GetQuery() const {
     if (GetNumChildren() == 0)
         return nullptr;
-    RqNode* child = GetIthChild(0);
-    return (child != nullptr && child->IsKindOf(kRqAbstractList))
-               ? static_cast<RqAbstractList*>(child)
-               : nullptr;
+    return RqDynCast<RqAbstractList>(GetIthChild(0));
 }
 
 // ---- Column lists --------------------------------------------------------------------------
@@ -384,10 +391,8 @@ RqExpr* RqExprAggr::ReleaseMeasure() {
 }
 
 RqExprColumnList* RqExprAggr::GetByList() const {
-    RqExpr* operand = GetNumOperands() > kByList ? GetIthOperand(kByList) : nullptr;
-    return (operand != nullptr && operand->GetObjectType() == kRqExprColumnList)
-               ? static_cast<RqExprColumnList*>(operand)
-               : nullptr;
+    return RqDynCast<RqExprColumnList>(GetNumOperands() > kByList ? GetIthOperand(kByList)
+                                                                  : nullptr);
 }
 
 void RqExprAggr::SetByList(RqExprColumnList* list) {
@@ -395,10 +400,8 @@ void RqExprAggr::SetByList(RqExprColumnList* list) {
 }
 
 RqExprColumnList* RqExprAggr::GetComputeBreak() const {
-    RqExpr* operand = GetNumOperands() > kComputeBreak ? GetIthOperand(kComputeBreak) : nullptr;
-    return (operand != nullptr && operand->GetObjectType() == kRqExprColumnList)
-               ? static_cast<RqExprColumnList*>(operand)
-               : nullptr;
+    return RqDynCast<RqExprColumnList>(
+        GetNumOperands() > kComputeBreak ? GetIthOperand(kComputeBreak) : nullptr);
 }
 
 void RqExprAggr::SetComputeBreak(RqExprColumnList* list) {
@@ -407,55 +410,35 @@ void RqExprAggr::SetComputeBreak(RqExprColumnList* list) {
 
 // Functional aggregates are computed from the results of other aggregates at a level: every
 // sort-dependent aggregate (ranks, tiles, top and bottom N, running and moving aggregates,
-// row numbers, percentiles), the report family, subtotals, trend lines, bins and width
-// buckets.
+// row numbers, percentiles) and the report family, read off the class hierarchy, and the
+// aggregates of the list below. Every other aggregate is computed from detail rows.
 bool RqExprAggr::IsFunctionalAggr() const {
-    if (IsSortDependent())
-        return true;
-    if (IsKindOf(kRqExprAggrReport))
-        return true;
-    switch (GetObjectType()) {
-        case kRqExprAggrSubtotal:
-        case kRqExprAggrTrendline:
-        case kRqExprAggrBin:
-        case kRqExprAggrWidthBucket:
-            return true;
-        default:
-            return false;
-    }
+    static const RqNodeTypeSet kinds = MakeKindSet(
+        {kRqExprAggrSubtotal, kRqExprAggrTrendline, kRqExprAggrBin, kRqExprAggrWidthBucket});
+    return IsSortDependent() || IsKindOf(kRqExprAggrReport) ||
+           kinds.test(static_cast<size_t>(GetObjectType()));
 }
 
 // Wrappers mark an aggregation that happens elsewhere: the no-aggregate marker, the
 // aggregates evaluated by the database (physical and logical) and external aggregates.
+// Every other aggregate aggregates by itself.
 bool RqExprAggr::IsAggrWrapper() const {
-    switch (GetObjectType()) {
-        case kRqExprNoAggregate:
-        case kRqExprEvaluateAggr:
-        case kRqExprEvaluateAggrLogical:
-        case kRqExprAggrExternal:
-            return true;
-        default:
-            return false;
-    }
+    static const RqNodeTypeSet kinds = MakeKindSet(
+        {kRqExprNoAggregate, kRqExprEvaluateAggr, kRqExprEvaluateAggrLogical, kRqExprAggrExternal});
+    return kinds.test(static_cast<size_t>(GetObjectType()));
 }
 
 // A hash group-by sees the rows of a group in no particular order and keeps one running
 // state per group. That rules out aggregates that need the rows ordered (sort-dependent
-// ones, median, percentile, list aggregation), the ones that must see every value of the
-// group before answering (null-if-not-unique), and those whose compute break de-duplicates
-// its rows first.
+// ones, and the kinds below that order the group's values: median, percentile, list
+// aggregation), the ones that must see every value of the group before answering
+// (null-if-not-unique), and those whose compute break de-duplicates its rows first. Every
+// other aggregate keeps a running state.
 bool RqExprAggr::IsHashable() const {
-    if (IsSortDependent() || HasDistinctComputeBreak())
-        return false;
-    switch (GetObjectType()) {
-        case kRqExprAggrMedian:
-        case kRqExprAggrPercentile:
-        case kRqExprAggrListAgg:
-        case kRqExprAggrNullIfNotUnique:
-            return false;
-        default:
-            return true;
-    }
+    static const RqNodeTypeSet kinds = MakeKindSet(
+        {kRqExprAggrMedian, kRqExprAggrPercentile, kRqExprAggrListAgg, kRqExprAggrNullIfNotUnique});
+    return !IsSortDependent() && !HasDistinctComputeBreak() &&
+           !kinds.test(static_cast<size_t>(GetObjectType()));
 }
 
 void RqExprSortDependentAggr::GetSortDirections(std::vector<RqSortSpec::SortDirection>& out) const {

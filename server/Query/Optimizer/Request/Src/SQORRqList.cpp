@@ -14,11 +14,10 @@ namespace {
 
 // Child i of `node` as a T when it is one (or derives from one), else null.
 template <class T>
-T* ChildAs(const RqNode& node, int i, RqNodeType_e kind) {
+T* ChildAs(const RqNode& node, int i) {
     if (i < 0 || i >= node.GetNumChildren())
         return nullptr;
-    RqNode* child = node.GetIthChild(i);
-    return (child != nullptr && child->IsKindOf(kind)) ? static_cast<T*>(child) : nullptr;
+    return RqDynCast<T>(node.GetIthChild(i));
 }
 
 // Puts `child` in slot i, growing the child list when needed, and destroys the old child.
@@ -46,7 +45,7 @@ RqDerivedColumn::~RqDerivedColumn() {
 }
 
 RqExpr* RqDerivedColumn::GetExpr() const {
-    return ChildAs<RqExpr>(*this, 0, kRqExpr);
+    return ChildAs<RqExpr>(*this, 0);
 }
 
 void RqDerivedColumn::SetExpr(RqExpr* expr) {
@@ -56,23 +55,19 @@ void RqDerivedColumn::SetExpr(RqExpr* expr) {
 RqExpr* RqDerivedColumn::ReleaseExpr() {
     if (GetNumChildren() == 0)
         return nullptr;
-    return static_cast<RqExpr*>(ReleaseIthChild(0));
+    RqNode* expr = ReleaseIthChild(0);
+    return expr != nullptr ? RqCast<RqExpr>(expr) : nullptr;
 }
 
 RqProjection* RqDerivedColumn::GetProjection() const {
-    RqNode* parent = GetParent();
-    return (parent != nullptr && parent->GetObjectType() == kRqProjection)
-               ? static_cast<RqProjection*>(parent)
-               : nullptr;
+    return RqDynCast<RqProjection>(GetParent());
 }
 
 RqAbstractList* RqDerivedColumn::GetRqAbstractListContainer() const {
     RqProjection* projection = GetProjection();
     if (projection == nullptr)
         return nullptr;
-    RqNode* list = projection->GetParent();
-    return (list != nullptr && list->IsKindOf(kRqAbstractList)) ? static_cast<RqAbstractList*>(list)
-                                                                : nullptr;
+    return RqDynCast<RqAbstractList>(projection->GetParent());
 }
 
 void RqDerivedColumn::SwitchDerivedColumnReferences(RqDerivedColumn* target) {
@@ -101,7 +96,7 @@ int RqDerivedColumn::GetNumReferences() const {
 RqProjection::RqProjection(int firstColumnNum) : m_nextColumnNum(firstColumnNum) {}
 
 RqDerivedColumn* RqProjection::GetIthColumn(int i) const {
-    return ChildAs<RqDerivedColumn>(*this, i, kRqDerivedColumn);
+    return ChildAs<RqDerivedColumn>(*this, i);
 }
 
 int RqProjection::FindColumnIndex(const RqDerivedColumn* column) const {
@@ -156,8 +151,7 @@ void RqProjection::GetMatchingColumnReferences(const RqExpr* expr,
     while (!work.empty()) {
         RqNode* node = work.back();
         work.pop_back();
-        if (node->GetObjectType() == kRqDerivedColumnReference) {
-            auto* ref = static_cast<RqDerivedColumnReference*>(node);
+        if (auto* ref = RqDynCast<RqDerivedColumnReference>(node)) {
             if (equivalence(*ref, *expr))
                 out.push_back(ref);
         }
@@ -211,17 +205,16 @@ RqDerivedColumn* RqProjection::InsertDonatedColumnExpr(RqExpr* expr) {
 void RqProjection::DeleteColumn(RqDerivedColumn* column, RqNode* replacement) {
     const int index = FindColumnIndex(column);
     ZK_ASSERT(index >= 0);
-    ZK_ASSERT(replacement == nullptr || replacement->GetObjectType() == kRqDerivedColumn);
     ZK_ASSERT(replacement != column);
     if (replacement != nullptr)
-        column->SwitchDerivedColumnReferences(static_cast<RqDerivedColumn*>(replacement));
+        column->SwitchDerivedColumnReferences(RqCast<RqDerivedColumn>(replacement));
     EraseIthChild(index);
 }
 
 RqDerivedColumn* RqProjection::RemoveColumn(RqDerivedColumn* column) {
     const int index = FindColumnIndex(column);
     ZK_ASSERT(index >= 0);
-    return static_cast<RqDerivedColumn*>(RemoveIthChild(index));
+    return RqCast<RqDerivedColumn>(RemoveIthChild(index));
 }
 
 int RqProjection::GetNextColumnNum() {
@@ -241,21 +234,22 @@ void RqProjection::ReSyncColumnNumGenerator(int columnNum) {
 
 // ---- Filter clauses ------------------------------------------------------------------------
 
-#define RQ_DEFINE_FILTER_CLAUSE(cls)                                                       \
-    cls::cls(RqExpr* cond) {                                                               \
-        AddChild(cond);                                                                    \
-    }                                                                                      \
-    RqExprCond* cls::GetCond() const {                                                     \
-        return ChildAs<RqExprCond>(*this, 0, kRqExprCond);                                 \
-    }                                                                                      \
-    RqExpr* cls::GetCondExpr() const {                                                     \
-        return ChildAs<RqExpr>(*this, 0, kRqExpr);                                         \
-    }                                                                                      \
-    void cls::SetCond(RqExpr* cond) {                                                      \
-        SetChildAt(*this, 0, cond);                                                        \
-    }                                                                                      \
-    RqExpr* cls::ReleaseCond() {                                                           \
-        return GetNumChildren() == 0 ? nullptr : static_cast<RqExpr*>(ReleaseIthChild(0)); \
+#define RQ_DEFINE_FILTER_CLAUSE(cls)                                         \
+    cls::cls(RqExprCond* cond) {                                             \
+        AddChild(cond);                                                      \
+    }                                                                        \
+    RqExprCond* cls::GetCond() const {                                       \
+        return ChildAs<RqExprCond>(*this, 0);                                \
+    }                                                                        \
+    RqExpr* cls::GetCondExpr() const {                                       \
+        return ChildAs<RqExpr>(*this, 0);                                    \
+    }                                                                        \
+    void cls::SetCond(RqExprCond* cond) {                                    \
+        SetChildAt(*this, 0, cond);                                          \
+    }                                                                        \
+    RqExprCond* cls::ReleaseCond() {                                         \
+        RqNode* cond = GetNumChildren() == 0 ? nullptr : ReleaseIthChild(0); \
+        return cond != nullptr ? RqCast<RqExprCond>(cond) : nullptr;         \
     }
 RQ_DEFINE_FILTER_CLAUSE(RqDetailFilter)
 RQ_DEFINE_FILTER_CLAUSE(RqSummaryFilter)
@@ -282,11 +276,11 @@ RqGroupBy::RqGroupBy(RqExprColumnListOrdered* columns, InternalExecutionMode mod
 }
 
 RqExprColumnListOrdered* RqGroupBy::GetColumnList() const {
-    return ChildAs<RqExprColumnListOrdered>(*this, 0, kRqExprColumnListOrdered);
+    return ChildAs<RqExprColumnListOrdered>(*this, 0);
 }
 
 RqExprColumnListOrdered* RqGroupBy::GetGranularity() const {
-    return ChildAs<RqExprColumnListOrdered>(*this, 1, kRqExprColumnListOrdered);
+    return ChildAs<RqExprColumnListOrdered>(*this, 1);
 }
 
 void RqGroupBy::SetGranularity(RqExprColumnListOrdered* granularity) {
@@ -367,13 +361,20 @@ void RqGroupBy::AddGroupingSet(const UInt16Vector& columnIndexes) {
     m_groupingSets.push_back(columnIndexes);
 }
 
+namespace {
+// A grouping set as the set of positions it names: order and repetitions do not matter.
+UInt16Vector AsPositionSet(const UInt16Vector& positions) {
+    UInt16Vector set(positions);
+    std::sort(set.begin(), set.end());
+    set.erase(std::unique(set.begin(), set.end()), set.end());
+    return set;
+}
+}  // namespace
+
 int RqGroupBy::FindGroupingSet(const UInt16Vector& columnIndexes) const {
-    UInt16Vector wanted(columnIndexes);
-    std::sort(wanted.begin(), wanted.end());
+    const UInt16Vector wanted = AsPositionSet(columnIndexes);
     for (size_t i = 0; i < m_groupingSets.size(); ++i) {
-        UInt16Vector set(m_groupingSets[i]);
-        std::sort(set.begin(), set.end());
-        if (set == wanted)
+        if (AsPositionSet(m_groupingSets[i]) == wanted)
             return static_cast<int>(i);
     }
     return -1;
@@ -389,7 +390,7 @@ RqOrderBy::RqOrderBy(const SortSpecVector& specs, bool bSticky) : m_bSticky(bSti
 RqOrderBy::RqOrderBy(const SortSpecVector& specs, const std::vector<ZKString>& typeInfos,
                      bool bSticky)
     : RqOrderBy(specs, bSticky) {
-    m_typeInfos = typeInfos;
+    m_typeInfos.assign(typeInfos.begin(), typeInfos.end());
 }
 
 int RqOrderBy::GetNumSortSpecs() const {
@@ -403,7 +404,7 @@ int RqOrderBy::GetNumSortSpecs() const {
 
 RqSortSpec* RqOrderBy::GetIthSortSpec(int i) const {
     ZK_ASSERT(i >= 0 && i < GetNumSortSpecs());
-    return ChildAs<RqSortSpec>(*this, i, kRqSortSpec);
+    return ChildAs<RqSortSpec>(*this, i);
 }
 
 void RqOrderBy::AppendSortSpec(RqSortSpec* spec) {
@@ -412,7 +413,7 @@ void RqOrderBy::AppendSortSpec(RqSortSpec* spec) {
 
 RqExpr* RqOrderBy::GetIthPushDownAggr(int i) const {
     ZK_ASSERT(i >= 0 && i < GetNumPushDownAggrs());
-    return ChildAs<RqExpr>(*this, GetNumSortSpecs() + i, kRqExpr);
+    return ChildAs<RqExpr>(*this, GetNumSortSpecs() + i);
 }
 
 void RqOrderBy::AppendPushDownAggr(const RqExpr* aggr) {
@@ -438,7 +439,7 @@ RqDerivedTable::RqDerivedTable(RqAbstractList* inner, int nestingLevel)
 }
 
 RqAbstractList* RqDerivedTable::GetInnerList() const {
-    return ChildAs<RqAbstractList>(*this, 0, kRqAbstractList);
+    return ChildAs<RqAbstractList>(*this, 0);
 }
 
 void RqDerivedTable::SetInnerList(RqAbstractList* inner) {
@@ -454,19 +455,19 @@ RqTableReference::RqTableReference(SqlTableRef::JoinType joinType, RqNode* left,
 }
 
 RqAbstractTable* RqTableReference::GetLeftTable() const {
-    return ChildAs<RqAbstractTable>(*this, kLeftChild, kRqAbstractTable);
+    return ChildAs<RqAbstractTable>(*this, kLeftChild);
 }
 
 RqAbstractTable* RqTableReference::GetRightTable() const {
-    return ChildAs<RqAbstractTable>(*this, kRightChild, kRqAbstractTable);
+    return ChildAs<RqAbstractTable>(*this, kRightChild);
 }
 
 RqExprCond* RqTableReference::GetSearchCond() const {
-    return ChildAs<RqExprCond>(*this, kCondChild, kRqExprCond);
+    return ChildAs<RqExprCond>(*this, kCondChild);
 }
 
 RqDerivedTable* RqTableReference::GetDerivedTable() const {
-    return ChildAs<RqDerivedTable>(*this, kLeftChild, kRqDerivedTable);
+    return ChildAs<RqDerivedTable>(*this, kLeftChild);
 }
 
 // Every table the reference joins, through nested references, is a repository table.
@@ -480,8 +481,7 @@ bool RqTableReference::IsDeclarativeTableReference() const {
     while (!work.empty()) {
         const RqNode* side = work.back();
         work.pop_back();
-        if (side->GetObjectType() == kRqTableReference) {
-            const auto* nested = static_cast<const RqTableReference*>(side);
+        if (const auto* nested = RqDynCast<RqTableReference>(side)) {
             if (nested->GetLeftNode() == nullptr)
                 return false;
             work.push_back(nested->GetLeftNode());
@@ -496,9 +496,9 @@ bool RqTableReference::IsDeclarativeTableReference() const {
 
 void RqJoinLink::FixUpCopy(const CopyMap& map) {
     if (RqNode* from = map.Find(m_pFrom))
-        m_pFrom = static_cast<RqJoinNode*>(from);
+        m_pFrom = RqCast<RqJoinNode>(from);
     if (RqNode* to = map.Find(m_pTo))
-        m_pTo = static_cast<RqJoinNode*>(to);
+        m_pTo = RqCast<RqJoinNode>(to);
 }
 
 RqJoinNode::RqJoinNode(RqTableReference* reference, bool bPreserved) : m_bPreserved(bPreserved) {
@@ -506,7 +506,7 @@ RqJoinNode::RqJoinNode(RqTableReference* reference, bool bPreserved) : m_bPreser
 }
 
 RqTableReference* RqJoinNode::GetTableReference() const {
-    return ChildAs<RqTableReference>(*this, 0, kRqTableReference);
+    return ChildAs<RqTableReference>(*this, 0);
 }
 
 void RqJoinNode::GetIncidentLinks(std::vector<RqJoinLink*>& out) const {
@@ -515,11 +515,8 @@ void RqJoinNode::GetIncidentLinks(std::vector<RqJoinLink*>& out) const {
     if (spec == nullptr)
         return;
     for (int i = 0; i < spec->GetNumChildren(); ++i) {
-        RqNode* child = spec->GetIthChild(i);
-        if (child == nullptr || child->GetObjectType() != kRqJoinLink)
-            continue;
-        auto* link = static_cast<RqJoinLink*>(child);
-        if (link->GetFrom() == this || link->GetTo() == this)
+        auto* link = RqDynCast<RqJoinLink>(spec->GetIthChild(i));
+        if (link != nullptr && (link->GetFrom() == this || link->GetTo() == this))
             out.push_back(link);
     }
 }
@@ -540,7 +537,7 @@ int RqJoinSpec::GetNumJoinNodes() const {
 
 RqJoinNode* RqJoinSpec::GetIthJoinNode(int i) const {
     ZK_ASSERT(i >= 0 && i < GetNumJoinNodes());
-    return ChildAs<RqJoinNode>(*this, i, kRqJoinNode);
+    return ChildAs<RqJoinNode>(*this, i);
 }
 
 int RqJoinSpec::GetNumTableReferences() const {
@@ -569,25 +566,25 @@ RqList::RqList(int firstColumnNum) {
 }
 
 RqProjection* RqList::GetProjection() const {
-    return ChildAs<RqProjection>(*this, kProjectionChild, kRqProjection);
+    return ChildAs<RqProjection>(*this, kProjectionChild);
 }
 RqJoinSpec* RqList::GetJoinSpec() const {
-    return ChildAs<RqJoinSpec>(*this, kJoinSpecChild, kRqJoinSpec);
+    return ChildAs<RqJoinSpec>(*this, kJoinSpecChild);
 }
 RqDetailFilter* RqList::GetDetailFilter() const {
-    return ChildAs<RqDetailFilter>(*this, kDetailFilterChild, kRqDetailFilter);
+    return ChildAs<RqDetailFilter>(*this, kDetailFilterChild);
 }
 RqSummaryFilter* RqList::GetSummaryFilter() const {
-    return ChildAs<RqSummaryFilter>(*this, kSummaryFilterChild, kRqSummaryFilter);
+    return ChildAs<RqSummaryFilter>(*this, kSummaryFilterChild);
 }
 RqGroupBy* RqList::GetGroupBy() const {
-    return ChildAs<RqGroupBy>(*this, kGroupByChild, kRqGroupBy);
+    return ChildAs<RqGroupBy>(*this, kGroupByChild);
 }
 RqHaving* RqList::GetHaving() const {
-    return ChildAs<RqHaving>(*this, kHavingChild, kRqHaving);
+    return ChildAs<RqHaving>(*this, kHavingChild);
 }
 RqOrderBy* RqList::GetOrderBy() const {
-    return ChildAs<RqOrderBy>(*this, kOrderByChild, kRqOrderBy);
+    return ChildAs<RqOrderBy>(*this, kOrderByChild);
 }
 
 void RqList::SetProjection(RqProjection* projection) {
@@ -627,7 +624,7 @@ bool RqList::IsFoldableList() const {
             AddChild(list);                                                        \
     }                                                                              \
     RqAbstractList* cls::GetIthList(int i) const {                                 \
-        return ChildAs<RqAbstractList>(*this, i, kRqAbstractList);                 \
+        return ChildAs<RqAbstractList>(*this, i);                                  \
     }                                                                              \
     void cls::SetIthList(int i, RqAbstractList* list) {                            \
         SetChildAt(*this, i, list);                                                \
@@ -649,7 +646,7 @@ RqProjection* RqSharedList::GetProjection() const {
 
 void RqSharedList::FixUpCopy(const CopyMap& map) {
     if (RqNode* copy = map.Find(m_pShared))
-        m_pShared = static_cast<RqAbstractList*>(copy);
+        m_pShared = RqCast<RqAbstractList>(copy);
 }
 
 RqCacheList::RqCacheList(RqAbstractList* list) {
@@ -657,7 +654,7 @@ RqCacheList::RqCacheList(RqAbstractList* list) {
 }
 
 RqAbstractList* RqCacheList::GetList() const {
-    return ChildAs<RqAbstractList>(*this, 0, kRqAbstractList);
+    return ChildAs<RqAbstractList>(*this, 0);
 }
 
 RqProjection* RqCacheList::GetProjection() const {
@@ -673,7 +670,7 @@ RqBreakFilter::RqBreakFilter(RqAbstractList* inner, const UInt16Vector& breakCol
 }
 
 RqAbstractList* RqBreakFilter::GetInnerList() const {
-    return ChildAs<RqAbstractList>(*this, 0, kRqAbstractList);
+    return ChildAs<RqAbstractList>(*this, 0);
 }
 
 void RqBreakFilter::SetInnerList(RqAbstractList* inner) {
@@ -694,8 +691,8 @@ void RqBreakFilter::GetBreakColumnIndexes(UInt16Vector& out, bool bSorted) const
 void RqBreakFilter::GetBreakColumnIndexesAccountForNoOrderBy(UInt16Vector& out,
                                                              bool bSorted) const {
     const RqAbstractList* inner = GetInnerList();
-    const bool bUnorderedBlock = inner != nullptr && inner->IsRqList() &&
-                                 static_cast<const RqList*>(inner)->GetOrderBy() == nullptr;
+    const RqList* block = RqDynCast<RqList>(inner);
+    const bool bUnorderedBlock = block != nullptr && block->GetOrderBy() == nullptr;
     GetBreakColumnIndexes(out, bSorted || bUnorderedBlock);
 }
 
@@ -717,7 +714,7 @@ RqCache::RqCache(RqAbstractList* list) {
 }
 
 RqAbstractList* RqCache::GetList() const {
-    return ChildAs<RqAbstractList>(*this, 0, kRqAbstractList);
+    return ChildAs<RqAbstractList>(*this, 0);
 }
 
 RqProjection* RqCache::GetProjection() const {

@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "Platform/ZKThread.h"
 #include "Query/Optimizer/Request/SQORAVisitorRqNode.h"
 #include "Query/Optimizer/Request/SQORRqExpr.h"
 #include "Query/Optimizer/Request/SQORRqList.h"
@@ -256,23 +257,37 @@ void RqNode::MarkTargetRecursive(ServerInfo::TargetType type, const VoidID& id) 
 
 // ---- Traversal ----------------------------------------------------------------------------
 
+// The walk keeps its own stack, so that the depth of a tree costs heap rather than call
+// stack. Each entry is a node whose children are being walked and the position of the next
+// child to enter; the child count is read afresh at every step, because a Visit may rewrite
+// (add, remove, replace) the children of a node the walk is in. A visitor that walks a
+// subtree itself calls Accept again from inside Visit: that nesting is the call stack's, so
+// every entry checks that the stack has room and otherwise raises the stack error.
 void RqNode::Accept(AVisitorRqNode& visitor) {
-    if (visitor.IsPostOrderVisitor()) {
-        for (int i = 0; i < GetNumChildren(); ++i) {
-            if (RqNode* child = GetIthChild(i))
-                child->Accept(visitor);
+    ZKThread::LowStackCheck(0);
+    const bool bPostOrder = visitor.IsPostOrderVisitor();
+    if (!bPostOrder && DispatchVisit(visitor))
+        return;
+    struct Frame {
+        RqNode* m_pNode;
+        int m_nNext;
+    };
+    std::vector<Frame> work{{this, 0}};
+    while (!work.empty()) {
+        Frame& frame = work.back();
+        RqNode* node = frame.m_pNode;
+        if (frame.m_nNext >= node->GetNumChildren()) {
+            work.pop_back();
+            if (bPostOrder)
+                node->DispatchVisit(visitor);
+            continue;
         }
-        DispatchVisit(visitor);
-        return;
-    }
-    if (DispatchVisit(visitor)) {
-        return;
-    }
-    // The count is read afresh at every step: a visit below may have rewritten this node's
-    // later children.
-    for (int i = 0; i < GetNumChildren(); ++i) {
-        if (RqNode* child = GetIthChild(i))
-            child->Accept(visitor);
+        RqNode* child = node->GetIthChild(frame.m_nNext++);
+        if (child == nullptr)
+            continue;
+        // `frame` may dangle once the stack grows: nothing below reads it.
+        if (bPostOrder || !child->DispatchVisit(visitor))
+            work.push_back({child, 0});
     }
 }
 
@@ -288,7 +303,8 @@ bool RqNode::IsObjectType::operator()(const RqNode* node) const {
 }
 
 bool RqNode::IsAggrNode(const RqNode* node) {
-    return node != nullptr && node->IsExpr() && static_cast<const RqExpr*>(node)->IsAggr();
+    const RqExpr* expr = RqDynCast<RqExpr>(node);
+    return expr != nullptr && expr->IsAggr();
 }
 
 // ---- Copies -------------------------------------------------------------------------------

@@ -35,47 +35,50 @@ struct Clause {
 
 // A conjunction of clauses. The key set, when valid, holds the sorted slots of every clause
 // and no two clauses share a key; it is rebuilt only when a conjunction needs it, so that a
-// long chain of ORs (which only ever has one clause) never pays for it.
+// long chain of ORs (which only ever has one clause) never pays for it. `m_nUses` is the
+// number of literals over all clauses: the size of the CNF once built.
 struct Cnf {
     std::vector<Clause> m_clauses;
     std::set<std::vector<int>> m_keys;
     bool m_bKeysValid = false;
+    size_t m_nUses = 0;
 
     // Drops repeated clauses (the first stays) and makes the keys valid.
     void EnsureKeys() {
         if (m_bKeysValid)
             return;
         m_keys.clear();
+        m_nUses = 0;
         std::vector<Clause> kept;
         kept.reserve(m_clauses.size());
         for (Clause& clause : m_clauses) {
-            if (m_keys.insert(clause.m_sorted).second)
+            if (m_keys.insert(clause.m_sorted).second) {
+                m_nUses += clause.m_slots.size();
                 kept.push_back(std::move(clause));
+            }
         }
         m_clauses = std::move(kept);
         m_bKeysValid = true;
     }
 };
 
-// The comparison that holds exactly when `kind` does not (for non-null operands; both are
-// unknown on nulls), or -1 when `kind` is not a comparison.
+// The pairs of comparisons of which one holds exactly when the other does not (for
+// non-null operands; both are unknown on nulls).
+constexpr std::pair<RqNodeType_e, RqNodeType_e> kOppositeComparisons[] = {
+    {kRqExprCondEquality, kRqExprCondNotEqual},
+    {kRqExprCondLess, kRqExprCondGreaterEqual},
+    {kRqExprCondGreater, kRqExprCondLessEqual},
+};
+
+// The opposite of a comparison kind, or -1 for a kind that has none (every other kind).
 int OppositeComparison(RqNodeType_e kind) {
-    switch (kind) {
-        case kRqExprCondEquality:
-            return kRqExprCondNotEqual;
-        case kRqExprCondNotEqual:
-            return kRqExprCondEquality;
-        case kRqExprCondLess:
-            return kRqExprCondGreaterEqual;
-        case kRqExprCondGreaterEqual:
-            return kRqExprCondLess;
-        case kRqExprCondGreater:
-            return kRqExprCondLessEqual;
-        case kRqExprCondLessEqual:
-            return kRqExprCondGreater;
-        default:
-            return -1;
+    for (const auto& [one, other] : kOppositeComparisons) {
+        if (kind == one)
+            return other;
+        if (kind == other)
+            return one;
     }
+    return -1;
 }
 
 RqExpr* NewComparison(int kind, RqExpr* left, RqExpr* right) {
@@ -137,10 +140,8 @@ void HarvestTree(const RqExpr* root, RqNodeType_e kind, std::vector<const RqExpr
 }
 
 void ToConds(const std::vector<const RqExpr*>& exprs, std::vector<const RqExprCond*>& out) {
-    for (const RqExpr* expr : exprs) {
-        ZK_ASSERT(expr->IsCond());
-        out.push_back(static_cast<const RqExprCond*>(expr));
-    }
+    for (const RqExpr* expr : exprs)
+        out.push_back(RqCast<RqExprCond>(expr));
 }
 
 }  // namespace
@@ -207,6 +208,7 @@ public:
             }
             Cnf leaf;
             leaf.m_clauses.emplace_back(AddLiteral(node, frame.m_bNegated));
+            leaf.m_nUses = 1;
             results.push_back(std::move(leaf));
         }
         ZK_ASSERT(results.size() == 1);
@@ -240,7 +242,7 @@ public:
                 consumedRoot = takenOver;
                 return node;
             }
-            return static_cast<RqExpr*>(node->ReleaseFromParent());
+            return RqCast<RqExpr>(node->ReleaseFromParent());
         };
         for (const Clause& clause : m_result.m_clauses) {
             RqExpr* disjunction = use(clause.m_slots.front());
@@ -300,20 +302,30 @@ private:
         for (Clause& clause : b.m_clauses) {
             if (!acc.m_keys.insert(clause.m_sorted).second)
                 continue;
-            if (acc.m_clauses.size() >= m_maxConjuncts)
+            if (acc.m_clauses.size() >= m_maxConjuncts ||
+                acc.m_nUses + clause.m_slots.size() > ToCNF::kMaxLiteralUses)
                 return false;
+            acc.m_nUses += clause.m_slots.size();
             acc.m_clauses.push_back(std::move(clause));
         }
         return true;
     }
 
-    // acc OR b, into acc: one clause per pair, the union of the two. The size is checked
-    // before anything is built.
+    // acc OR b, into acc: one clause per pair, the union of the two, with repeated clauses
+    // merged at once (a repetition left in would be multiplied by every later distribution
+    // and count against the limits). The size is checked before anything is built: the
+    // number of pairs against the limit and the internal cap on clauses, and an upper bound
+    // of the literals they hold (each pair at most both clauses' literals) against the cap
+    // on literal uses.
     bool Disjoin(Cnf& acc, Cnf&& b) const {
         const size_t n = acc.m_clauses.size();
-        if (n == 0 || b.m_clauses.size() > m_maxConjuncts / n)
+        const size_t m = b.m_clauses.size();
+        const size_t maxClauses = std::min(m_maxConjuncts, ToCNF::kMaxClauses);
+        if (n == 0 || m > maxClauses / n)
             return false;
-        if (b.m_clauses.size() == 1) {
+        if (m * acc.m_nUses + n * b.m_nUses > ToCNF::kMaxLiteralUses)
+            return false;
+        if (m == 1) {
             // The common case of a chain of ORs: extend every clause in place.
             for (Clause& clause : acc.m_clauses) {
                 for (int slot : b.m_clauses.front().m_slots)
@@ -321,7 +333,7 @@ private:
             }
         } else {
             std::vector<Clause> product;
-            product.reserve(n * b.m_clauses.size());
+            product.reserve(n * m);
             for (const Clause& left : acc.m_clauses) {
                 for (const Clause& right : b.m_clauses) {
                     Clause clause = left;
@@ -335,6 +347,8 @@ private:
         acc.m_bKeysValid = false;
         if (acc.m_clauses.size() > 1)
             acc.EnsureKeys();
+        else
+            acc.m_nUses = acc.m_clauses.front().m_slots.size();
         return true;
     }
 
@@ -349,10 +363,7 @@ private:
 // ---- ToCNF ----------------------------------------------------------------------------------
 
 ToCNF::ToCNF(const RqExprCond* cond, bool bFlattenNot, bool bDeepCopy, size_t maxConjuncts)
-    : m_pCond(cond),
-      m_bFlattenNot(bFlattenNot),
-      m_bDeepCopy(bDeepCopy),
-      m_maxConjuncts(maxConjuncts) {
+    : m_pCond(cond), m_bFlattenNot(bFlattenNot), m_maxConjuncts(maxConjuncts) {
     if (!bDeepCopy && cond != nullptr) {
         // Taking a node over from its parent would leave the parent pointing at it.
         ZK_ASSERT(cond->GetParent() == nullptr);
@@ -395,10 +406,8 @@ bool ToCNF::GetConversionSuccess() const {
 void ToCNF::GetConjuncts(std::vector<RqExprCond*>& out) const {
     ZK_ASSERT(m_bGenerated);
     out.clear();
-    for (RqExpr* conjunct : m_conjuncts) {
-        ZK_ASSERT(conjunct->IsCond());
-        out.push_back(static_cast<RqExprCond*>(conjunct));
-    }
+    for (RqExpr* conjunct : m_conjuncts)
+        out.push_back(RqCast<RqExprCond>(conjunct));
 }
 
 void ToCNF::GetConjuncts(std::vector<RqExpr*>& out) const {
@@ -412,10 +421,12 @@ size_t ToCNF::GetNumConjuncts() const {
 
 void ToCNF::ReleaseConjuncts(std::vector<RqExprCond*>& out) {
     ZK_ASSERT(m_bGenerated);
+    // Every conjunct is checked before any is handed over, so that a failed check leaves
+    // this object owning them all.
     for (RqExpr* conjunct : m_conjuncts)
-        ZK_ASSERT(conjunct->IsCond());
+        ZK_ASSERT(RqDynCast<RqExprCond>(conjunct) != nullptr);
     for (RqExpr* conjunct : m_conjuncts)
-        out.push_back(static_cast<RqExprCond*>(conjunct));
+        out.push_back(RqCast<RqExprCond>(conjunct));
     m_conjuncts.clear();
 }
 
@@ -465,8 +476,8 @@ void ToCNF::HarvestDisjunctivePredicates(const RqExprCond* cond,
     std::vector<const RqExpr*> conjuncts;
     HarvestTree(cond, kRqExprCondAnd, conjuncts);
     for (const RqExpr* conjunct : conjuncts) {
-        if (conjunct->GetObjectType() == kRqExprCondOr)
-            out.push_back(static_cast<const RqExprCond*>(conjunct));
+        if (const auto* disjunction = RqDynCast<RqExprCondOr>(conjunct))
+            out.push_back(disjunction);
     }
 }
 

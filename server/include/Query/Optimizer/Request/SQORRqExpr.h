@@ -61,6 +61,18 @@ public:
     bool IsValueExpr() const;
     // The expression is a physical table column (a target column of any kind).
     bool IsTargetColumn() const { return IsKindOf(kRqTargetColumn); }
+    // The projection test: the expression reads a value of its block's current row directly
+    // (a column of any kind: a physical column or a reference to a derived column, or the row
+    // identifier), so that when a block is split it gets a column of its own in the inner
+    // block and the outer block reads it through a reference. Every other expression is
+    // computed from such values and can be re-computed wherever they are read: constants
+    // need no column at all, and functions, conditions and aggregates are composed from
+    // their operands (an aggregate in particular belongs to the block that groups).
+    bool IsInnerProjectable() const;
+    // The projection test against a given inner projection: as above, except that a
+    // reference passes only when it reads a column of `inner` (a reference elsewhere, or to
+    // no column, is not a column the inner block can project).
+    bool IsInnerProjectable(const RqProjection& inner) const;
 
     // Equivalence with `other` (see RqEquivalence): same kinds, same own fields and
     // equivalent operands in order.
@@ -534,7 +546,8 @@ public:
         RqSortSpec::SortDirection m_direction;
         friend bool operator==(const SortKey&, const SortKey&) = default;
     };
-    using SortKeys = std::vector<SortKey>;
+    // Held by the node, so counted by the tracking allocator.
+    using SortKeys = std::vector<SortKey, ZKAllocator<SortKey>>;
 
     using RqExprAggr::RqExprAggr;
     bool IsSortDependent() const override { return true; }

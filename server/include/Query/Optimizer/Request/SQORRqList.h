@@ -113,18 +113,23 @@ private:
 
 // ---- Clauses -----------------------------------------------------------------------------
 
-// WHERE, summary filter and HAVING: one condition (child 0).
-#define RQ_FILTER_CLAUSE(cls)                                            \
-    class cls : public RqNode {                                          \
-        RQ_NODE_CLASS(cls)                                               \
-    public:                                                              \
-        explicit cls(RqExpr* cond = nullptr);                            \
-        cls(const cls& other) : RqNode(other) {}                         \
-        RqExprCond* GetCond() const;                                     \
-        RqExpr* GetCondExpr() const;                                     \
-        /* Takes ownership of the condition and destroys the old one. */ \
-        void SetCond(RqExpr* cond);                                      \
-        RqExpr* ReleaseCond();                                           \
+// WHERE, summary filter and HAVING: one condition (child 0). A filter holds a condition
+// (RqExprCond): the constructor and SetCond take one, and GetCond reads back exactly what was
+// set. To filter on a value that is not a condition (a Boolean column), wrap it in one
+// (RqExprCondAtomicWrapper, or a comparison). GetCondExpr reads child 0 as whatever
+// expression it is, for code that inspects a tree made by other means.
+#define RQ_FILTER_CLAUSE(cls)                                              \
+    class cls : public RqNode {                                            \
+        RQ_NODE_CLASS(cls)                                                 \
+    public:                                                                \
+        explicit cls(RqExprCond* cond = nullptr);                          \
+        cls(const cls& other) : RqNode(other) {}                           \
+        RqExprCond* GetCond() const;                                       \
+        RqExpr* GetCondExpr() const;                                       \
+        /* Takes ownership of the condition and destroys the old one. */   \
+        void SetCond(RqExprCond* cond);                                    \
+        /* Hands the condition to the caller; the filter is left empty. */ \
+        RqExprCond* ReleaseCond();                                         \
     };
 RQ_FILTER_CLAUSE(RqDetailFilter)
 RQ_FILTER_CLAUSE(RqSummaryFilter)
@@ -181,8 +186,9 @@ public:
     // Appends a set: positions into the column list, in the order given.
     void AddGroupingSet(const UInt16Vector& columnIndexes);
     void ClearGroupingSets() { m_groupingSets.clear(); }
-    // The position of the set that holds exactly the columns at `columnIndexes` (in any
-    // order), or -1.
+    // The position of the first set that holds exactly the columns at `columnIndexes`, or
+    // -1. Sets are compared as sets: the order of the positions and repeated positions do
+    // not matter.
     int FindGroupingSet(const UInt16Vector& columnIndexes) const;
 
 private:
@@ -214,12 +220,15 @@ public:
     void AppendPushDownAggr(const RqExpr* aggr);
     bool IsSticky() const { return m_bSticky; }
     void SetSticky(bool value) { m_bSticky = value; }
-    // The column type names the sort was planned with (one per sort key, may be empty).
-    const std::vector<ZKString>& GetStickyTypes() const { return m_typeInfos; }
+    // The column type names the sort was planned with (one per sort key, may be empty), as a
+    // copy: the node keeps its own through the tracking allocator.
+    std::vector<ZKString> GetStickyTypes() const {
+        return std::vector<ZKString>(m_typeInfos.begin(), m_typeInfos.end());
+    }
 
 private:
     bool m_bSticky = false;
-    std::vector<ZKString> m_typeInfos;
+    RqTextVector m_typeInfos;
 };
 
 // ---- Tables and joins ----------------------------------------------------------------------
@@ -290,10 +299,13 @@ public:
     RqTransientOpaqueTable(const RqTransientOpaqueTable&) = default;
     // Column type names of the transient table, appended in column order.
     void AddColumnTypeInfos(const std::vector<ZKString>& typeInfos);
-    const std::vector<ZKString>& GetColumnTypeInfos() const { return m_typeInfos; }
+    // A copy: the node keeps its own through the tracking allocator.
+    std::vector<ZKString> GetColumnTypeInfos() const {
+        return std::vector<ZKString>(m_typeInfos.begin(), m_typeInfos.end());
+    }
 
 private:
-    std::vector<ZKString> m_typeInfos;
+    RqTextVector m_typeInfos;
 };
 
 class RqXSACacheTable : public RqIdentifiedTable {
@@ -635,7 +647,8 @@ struct LogicalPlanEntry {
     uint32_t m_rowOffset = 0;
     uint32_t m_flags = 0;
 };
-using LogicalPlanBytes = std::vector<uint8_t>;
+// Held by cache nodes, so counted by the tracking allocator like every container of a node.
+using LogicalPlanBytes = std::vector<uint8_t, ZKAllocator<uint8_t>>;
 
 // A request whose result goes to the cache (child 0: the request's list).
 class RqCache : public RqNode {

@@ -208,7 +208,10 @@ public:
     bool IsSetOperation() const { return IsRqUnion() || IsRqIntersect() || IsRqExcept(); }
     bool IsExpr() const { return IsKindOf(kRqExpr); }
 
-    // Walks the subtree with a node visitor (pre-order; a true Visit skips the children).
+    // Walks the subtree with a node visitor (pre-order; a true Visit skips the children; the
+    // child count is read afresh at every step). The walk keeps its own stack; an Accept
+    // nested in a Visit raises the stack error (StackExhaustedException) when the thread's
+    // stack runs low, instead of overflowing it.
     void Accept(AVisitorRqNode& visitor);
 
     // Kind test usable as a predicate: true for a node of one of the kinds or a kind

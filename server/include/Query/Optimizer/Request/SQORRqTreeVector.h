@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Platform/ZKNodeAlloc.h"
+#include "Platform/ZKString.h"
 
 class RqExpr;
 class RqExprCond;
@@ -20,6 +21,8 @@ class RqColumn;
 using UInt16Vector = std::vector<uint16_t, ZKAllocator<uint16_t>>;
 // The grouping sets of a GROUP BY: each a list of positions in its column list.
 using RqGroupingSetVector = std::vector<UInt16Vector, ZKAllocator<UInt16Vector>>;
+// Texts held by nodes (the type names of an ORDER BY's keys, of a transient table's columns).
+using RqTextVector = std::vector<ZKString, ZKAllocator<ZKString>>;
 using Int32Vector = std::vector<int32_t>;
 using RqExprVector = std::vector<RqExpr*>;
 using RqNodeVector = std::vector<RqNode*>;

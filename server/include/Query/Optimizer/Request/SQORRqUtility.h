@@ -74,17 +74,18 @@ bool FoundNodes(const RqNode* root, Pred pred) {
     return false;
 }
 
-// As FindNodes without descending below a match: appends the outermost matching nodes, in
-// pre-order, cast to T. Every node that `pred` accepts must be a T.
+// The matches of `pred` in the subtree of `root` (the root included), in pre-order, cast
+// to T: every node that `pred` accepts must be a T. By default only the outermost matches
+// are collected (the walk does not enter a match); with `bDescendIntoMatches` the walk goes
+// on below them too, so that matches nested in matches are collected as well (every union
+// of a request, nested unions included).
 template <class T, class Pred>
-void FindTableNodes(RqNode* root, Pred pred, std::vector<T*>& out) {
+void FindTableNodes(RqNode* root, Pred pred, std::vector<T*>& out,
+                    bool bDescendIntoMatches = false) {
     RqNodeVector found;
-    FindNodes(root, pred, found, false);
-    for (RqNode* node : found) {
-        T* typed = dynamic_cast<T*>(node);
-        ZK_ASSERT(typed != nullptr);
-        out.push_back(typed);
-    }
+    FindNodes(root, pred, found, bDescendIntoMatches);
+    for (RqNode* node : found)
+        out.push_back(RqCast<T>(node));
 }
 
 // ---- Ancestors, children and paths ----------------------------------------------------------
@@ -109,8 +110,16 @@ public:
     // operation, the inner list of a break filter, the query blocks of subqueries), in
     // pre-order. Lists nested inside those are not included.
     static void GetChildRqLists(RqNode* node, RqAbstractListVector& out);
-    // The first of those lists, or null.
-    static RqAbstractList* GetChildRqList(RqNode* node);
+    // The block that a block reads through its FROM clause: starting from a block (its FROM
+    // clause is searched) or from a part of a FROM clause (join spec, join node, table
+    // reference, derived table), the walk goes through join specs, join nodes, table
+    // references and derived tables only, in child order, and the first derived table met
+    // decides: its inner list when that is a block (RqList), else null. A derived table over
+    // a set operation, a break filter, a shared or a cache list has no single block below it,
+    // so it gives null rather than a block found deeper. Search conditions, subqueries and
+    // the blocks nested further down are never entered. Null from any other node and when
+    // the FROM clause has no derived table.
+    static RqList* GetChildRqList(RqNode* node);
     // Names the node by its place in the tree: the kind name of the root, then for each node
     // on the way down its kind name and its index among its parent's children, joined by
     // "/", e.g. "RqHandleNode/RqList[0]/RqJoinSpec[1]/RqJoinNode[0]". Null gives "<null>".
@@ -144,8 +153,30 @@ public:
 
 // ---- Text -----------------------------------------------------------------------------------
 
+// How ToString writes an expression of each kind (see SQORRqText.cpp for the forms). Every
+// expression kind gets one deliberately: operators from the table of operator forms
+// (SQORRqExprForm.h), the keyword predicates and the leaves with fields of their own by
+// name, the families (columns, literals, aggregates, subqueries, column lists) by the kind
+// hierarchy, and the function form NAME(args) for every other kind, whose class holds
+// nothing but its operands. kNone for a value that is not the kind of any expression.
+enum class RqExprTextForm {
+    kNone,
+    kOperator,
+    kPredicate,
+    kColumn,
+    kLiteral,
+    kNamedValue,
+    kCast,
+    kExternalData,
+    kColumnList,
+    kAggregate,
+    kSubquery,
+    kFunction,
+};
+RqExprTextForm GetExprTextForm(RqNodeType_e kind);
+
 // A deterministic one-line text of a node. An expression is written in a compact infix form
-// (see SQORRqUtility.cpp for the forms); any other node as its kind name followed by its own
+// (see SQORRqText.cpp for the forms); any other node as its kind name followed by its own
 // fields and, for nodes that hold expressions directly (derived columns, filters, GROUP BY),
 // ": " and the text of those expressions. With a gateway, repository names are looked up for
 // target columns and tables that carry no name of their own. Null gives "<null>".

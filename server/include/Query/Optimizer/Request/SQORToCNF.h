@@ -33,6 +33,16 @@
 // conjuncts, the conversion stops: GetConversionSuccess answers false and the one conjunct
 // is the condition itself, unconverted (a copy, or the condition taken over). Distribution
 // is checked before it is built, so a failed conversion never builds the large form.
+//
+// Whatever limit the caller passes (SIZE_MAX included), the conversion never works past two
+// internal caps: a distribution (OR over ANDs) never makes more than kMaxClauses conjuncts,
+// and the CNF never holds more than kMaxLiteralUses literals counted over all its conjuncts.
+// An OR of k ANDs distributes into 2^k conjuncts, so without them a condition of a few dozen
+// ANDs would exhaust memory; with them it is reported as a failed conversion (the conversion
+// never raises), in time and memory bounded by the caps. A plain conjunction is already in
+// CNF and is limited by the caller's limit and the literal cap only. Both caps are counted
+// after repeated conjuncts are merged, at every step, so a condition whose CNF fits only
+// once repetitions are gone still converts.
 
 #include <cstddef>
 #include <cstdint>
@@ -42,6 +52,10 @@
 
 class ToCNF {
 public:
+    // The internal caps on the size of a CNF (see above).
+    static constexpr size_t kMaxClauses = 4096;
+    static constexpr size_t kMaxLiteralUses = size_t{1} << 20;
+
     ToCNF(const RqExprCond* cond, bool bFlattenNot, bool bDeepCopy, size_t maxConjuncts = SIZE_MAX);
     ~ToCNF();
     ToCNF(const ToCNF&) = delete;
@@ -86,7 +100,6 @@ private:
 
     const RqExprCond* m_pCond;
     bool m_bFlattenNot;
-    bool m_bDeepCopy;
     size_t m_maxConjuncts;
     bool m_bGenerated = false;
     bool m_bSuccess = true;
