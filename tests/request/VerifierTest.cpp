@@ -1,5 +1,5 @@
-// The tree verifier: a well-formed request verifies clean, and each way of breaking a tree
-// is reported once, with its kind, at the node that is wrong, under the node's path.
+// The tree verifier: each way of breaking a well-formed tree is reported once, with its kind,
+// at the node that is wrong, under the node's path.
 //
 // A child whose parent link names another node, and a node held in two places, cannot be
 // provoked here: every public operation that links a node asserts that it has no parent yet,
@@ -115,19 +115,14 @@ struct Sample {
     }
 };
 
-TEST(VerifierTest, WellFormedRequestsVerifyClean) {
-    Sample sample;
-    ExpectViolations(sample.Verify(), {});
-
-    // A block that reads a shared list sees the shared list's columns; the shared list lives
-    // elsewhere in the same request.
+TEST(VerifierTest, ABlockReadsTheColumnsOfASharedListElsewhereInTheRequest) {
     RqList* shared = Block().Select(Col(L"a", 1)).From(Table(VoidID(3, 1), 1)).Build();
     RqList* reader = Block().Select(Ref(*shared, 0)).From(Derived(Shared(shared))).Build();
     Heap<RqHandleNode> request(Request(Union({RQ_NEW RqCacheList(shared), reader}, true)));
     ExpectViolations(RqVerifier::Verify(*request), {});
 }
 
-// One way of breaking the sample, reported once at the node under the path.
+// One way of breaking the clean sample, and where and how it is reported (once).
 struct Fault {
     const char* m_name;
     RqViolation::Kind m_kind;
@@ -135,18 +130,27 @@ struct Fault {
     std::function<void(Sample&)> m_break;
 };
 
-TEST(VerifierTest, EachFaultIsReportedOnceAtTheNodeThatIsWrong) {
-    using V = RqViolation;
-    const std::wstring from = kInner + L"/RqJoinSpec[1]/RqJoinNode[0]/RqTableReference[0]";
-    const std::wstring innerCol = kInner + L"/RqProjection[0]/RqDerivedColumn[";
-    const std::wstring outerCol = kOuter + L"/RqProjection[0]/RqDerivedColumn[";
-    const std::wstring ref = L"]/RqDerivedColumnReference[0]";
-    const std::wstring sub =
-        kOuter + L"/RqDetailFilter[2]/RqExprCondExists[0]/RqExprLogicalSubquery[0]/RqList[0]";
-    const std::wstring derived =
+void ExpectEachReportedOnce(const std::vector<Fault>& faults) {
+    for (const Fault& fault : faults) {
+        Sample sample;
+        ExpectViolations(sample.Verify(), {});
+        fault.m_break(sample);
+        ExpectViolations(sample.Verify(), {{fault.m_kind, fault.m_path}}, fault.m_name);
+    }
+}
+
+using V = RqViolation;
+const std::wstring from = kInner + L"/RqJoinSpec[1]/RqJoinNode[0]/RqTableReference[0]";
+const std::wstring innerCol = kInner + L"/RqProjection[0]/RqDerivedColumn[";
+const std::wstring outerCol = kOuter + L"/RqProjection[0]/RqDerivedColumn[";
+const std::wstring ref = L"]/RqDerivedColumnReference[0]";
+
+TEST(VerifierTest, ColumnsAreNamedOnlyWhereTheyCanBeRead) {
+    const std::wstring joinedToSub =
+        kOuter +
+        L"/RqDetailFilter[2]/RqExprCondExists[0]/RqExprLogicalSubquery[0]/RqList[0]"
         L"/RqJoinSpec[1]/RqJoinNode[1]/RqTableReference[0]/RqDerivedTable[0]";
-    const Fault faults[] = {
-        // Column numbers and the keys, indexes and references that name columns.
+    ExpectEachReportedOnce({
         {"second holder of a number", V::kDuplicateColumnNumber, outerCol + L"2]",
          [](Sample& s) { s.OuterColumn(2)->SetColumnNum(10); }},
         {"sort key naming no column", V::kSortSpecColumn, kOuter + L"/RqOrderBy[6]/RqSortSpec[0]",
@@ -170,12 +174,16 @@ TEST(VerifierTest, EachFaultIsReportedOnceAtTheNodeThatIsWrong) {
         // A derived table's block does not see its enclosing block's FROM clause (no lateral
         // joins), unlike the correlated subquery of the sample.
         {"lateral reference", V::kReferenceOutOfScope,
-         sub + derived +
-             L"/RqList[0]/RqProjection[0]/RqDerivedColumn[0]/RqDerivedColumnReference[0]",
+         joinedToSub + L"/RqList[0]/RqProjection[0]/RqDerivedColumn[0]/RqDerivedColumnReference[0]",
          [](Sample& s) { s.JoinToSub(Derived(Block().Select(Ref(*s.m_pInner, 0)).Build())); }},
         {"shared list naming a list outside", V::kSharedListTarget,
-         sub + derived + L"/RqSharedList[0]",
+         joinedToSub + L"/RqSharedList[0]",
          [](Sample& s) { s.JoinToSub(Derived(Shared(s.m_outside.Get()))); }},
+    });
+}
+
+TEST(VerifierTest, MisshapenNodesAreReportedOnceWhereTheyAre) {
+    ExpectEachReportedOnce({
         {"clause in another's slot", V::kClauseSlot, kOuter + L"/RqOrderBy[5]",
          [](Sample& s) {
              RqNode* orderBy = s.m_pOuter->ReleaseIthChild(RqList::kOrderByChild);
@@ -232,12 +240,7 @@ TEST(VerifierTest, EachFaultIsReportedOnceAtTheNodeThatIsWrong) {
         {"grouping id over a column not grouped by", V::kGroupingId,
          innerCol + L"5]/RqExprGroupingId[0]",
          [](Sample& s) { Sample::Add(s.m_pInner, GroupingId(Col(L"sales", 1))); }},
-    };
-    for (const Fault& fault : faults) {
-        Sample sample;
-        fault.m_break(sample);
-        ExpectViolations(sample.Verify(), {{fault.m_kind, fault.m_path}}, fault.m_name);
-    }
+    });
 }
 
 TEST(VerifierTest, EveryFaultIsReportedInWalkOrder) {
@@ -296,8 +299,7 @@ TEST(VerifierTest, ABlockReadsOnlyWhatItsFromClauseExposes) {
 }
 
 TEST(VerifierTest, EveryKindHoldsOnlyWhatItIsMadeOf) {
-    // Placeholders fit in no node, except in the request kinds whose contents only their
-    // producers know (the named ones).
+    // Placeholders fit no node but the named request kinds, whose contents are their producers'.
     for (int value = 0; value < kRqNodeTypeCount; ++value) {
         const auto kind = static_cast<RqNodeType_e>(value);
         if (!RqIsNodeTypeValue(value) || RqIsAbstractNodeType(kind))
