@@ -1,239 +1,268 @@
-// Equivalence of expressions and the orderings built on it: own fields per class, operand
-// order, references by the column they read, copies of subqueries, and the consistency of
-// LessEquivalentRqExpr with the equivalence.
+// Equivalence of request-tree nodes and its orderings: every field of every kind that changes
+// a node's meaning tells nodes apart and no other does; operands and references count by what
+// they are; NaN keeps the order strict weak; grouping sets compare as a bag of sets.
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
+#include <limits>
 #include <set>
+#include <string>
+#include <tuple>
 #include <vector>
 
+#include "../../server/Query/Optimizer/RequestText/Src/SQORTextRequestInternal.h"
+#include "Query/Optimizer/Request/SQORRqBuilder.h"
 #include "Query/Optimizer/Request/SQORRqEquivalence.h"
-#include "Query/Optimizer/Request/SQORRqList.h"
+#include "Query/Optimizer/Request/SQORRqUtility.h"
 
 namespace {
 
-RqExpr* Int(int64_t value) {
-    return RQ_NEW RqExprIntegerLiteral(value);
-}
-RqTargetColumn* Col(uint32_t id, int tableNum = 1) {
-    return RQ_NEW RqTargetColumn(VoidID(4, id), L"C" + ZKString::FromInt(id), tableNum);
-}
+using namespace rqb;
+// The repository's Ref<T> template would make a plain `Ref` ambiguous.
+using rqb::Ref;
 
-// Builds two expressions that must be equivalent, or must differ in one respect.
-struct Pair {
+// A node of a given kind that differs from the blank node of the kind in one field alone
+// (null when the kind's class has no such field), and whether that changes its meaning.
+struct Change {
     const char* m_name;
-    std::function<RqExpr*()> m_left;
-    std::function<RqExpr*()> m_right;
+    bool m_bMatters;
+    std::function<RqNode*(RqNodeType_e)> m_make;
 };
 
-RqExprAggr* Flagged(RqExprAggr* aggr, const std::function<void(RqExprAggr&)>& set) {
-    set(*aggr);
-    return aggr;
+// Sets the field on a blank node of any kind whose class is a T.
+template <class T>
+Change Set(const char* name, std::function<void(T&)> set, bool bMatters = true) {
+    return {name, bMatters, [set](RqNodeType_e kind) -> RqNode* {
+                Heap<RqNode> node(rqtext::MakeBlankNode(kind));
+                T* typed = RqDynCast<T>(node.Get());
+                if (typed != nullptr)
+                    set(*typed);
+                return typed != nullptr ? node.Release() : nullptr;
+            }};
+}
+template <class T>
+Change Ignored(const char* name, std::function<void(T&)> set) {
+    return Set<T>(name, set, false);
 }
 
-RqExprAggrRank* Ranked(RqExprSortDependentAggr::SortKeys keys) {
-    auto* rank = RQ_NEW RqExprAggrRank(Col(1));
-    rank->SetSortSpec(keys);
-    return rank;
+// For classes that take the field only at construction: a node of T's own kind.
+template <class T>
+Change Make(const char* name, std::function<T*()> make) {
+    return {name, true, [make](RqNodeType_e kind) -> RqNode* {
+                RqNode* node = kind == T::kKind ? make() : nullptr;
+                if (node != nullptr)
+                    node->SetNumChildren(0);  // as blank as the blank node
+                return node;
+            }};
 }
 
-void ExpectOrderConsistent(const RqExpr& a, const RqExpr& b, bool bEquivalent, const char* name) {
+template <class... T>
+std::vector<Change> Values(const ZKString& value) {
+    return {Set<T>("value", [value](T& literal) { literal.SetValue(value); })...};
+}
+template <class... T>
+std::vector<Change> IdsAndNames() {
+    return {Make<T>("id", [] { return RQ_NEW T(VoidID(7, 1), ZKString()); })...,
+            Make<T>("name", [] { return RQ_NEW T(VoidID(), L"n"); })...};
+}
+
+// The name of write requests and the other named request nodes.
+Change NodeName() {
+    return {"name", true, [](RqNodeType_e kind) -> RqNode* {
+                Heap<RqNode> node(rqtext::MakeBlankNode(kind));
+                return node && rqtext::SetNameField(*node, "n") ? node.Release() : nullptr;
+            }};
+}
+
+// Link targets outside every compared node.
+struct Outside {
+    RqDerivedColumn m_column;
+    RqJoinNode m_joinNode;
+    RqList m_list;
+};
+
+std::vector<Change> Changes(Outside& out) {
+    using S = RqSortSpec;
+    using E = RqExprExternalData;
+    std::vector<Change> changes = {
+        Ignored<RqNode>("target", [](auto& n) { n.MarkTargetType(ServerInfo::TargetType(7)); }),
+        Set<RqTargetColumn>("column id", [](auto& c) { c.SetColumnID(VoidID(4, 1)); }),
+        Set<RqTargetColumn>("table number", [](auto& c) { c.SetTableNum(3); }),
+        Set<RqTargetColumn>("name", [](auto& c) { c.SetName(L"n"); }),
+        Set<RqDerivedColumnReference>("column",
+                                      [&](auto& r) { r.SetDerivedColumn(&out.m_column); }),
+        Set<RqExprIntegerLiteral>("value", [](auto& i) { i.SetValue(1); }),
+        Set<RqExprFloatLiteral>("value", [](auto& f) { f.SetValue(std::nan("")); }),
+        Set<RqExprParam>("name", [](auto& p) { p.SetName(L"n"); }),
+        Set<RqExprSessionVar>("name", [](auto& v) { v.SetName(L"n"); }),
+        Set<RqExprCast>("type name", [](auto& c) { c.SetTypeName(L"INT"); }),
+        Make<E>("form", [] { return RQ_NEW E(E::kCSVData, L""); }),
+        Make<E>("data", [] { return RQ_NEW E(E::kUnknownData, L"x"); }),
+        Set<RqExprAggr>("distinct", [](auto& a) { a.SetDistinctAggregation(true); }),
+        Set<RqExprAggr>("sql99", [](auto& a) { a.SetSQL99Aggregation(true); }),
+        Set<RqExprAggr>("distinct compute break", [](auto& a) { a.SetDistinctComputeBreak(true); }),
+        Set<RqExprAggr>("explicit grain", [](auto& a) { a.SetExplicitGrain(true); }),
+        Set<RqExprAggr>("analytic", [](auto& a) { a.SetAnalytic(true); }),
+        Ignored<RqExprAggr>("instantiated", [](auto& a) { a.SetInstantiated(false); }),
+        Set<RqExprSortDependentAggr>("sort keys",
+                                     [](auto& a) {
+                                         a.SetSortSpec({{0, S::kDesc}});
+                                     }),
+        Set<RqDerivedColumn>("column number", [](auto& c) { c.SetColumnNum(5); }),
+        Set<RqDerivedColumn>("break status", [](auto& c) { c.SetBreakStatus(2); }),
+        Set<S>("column number", [](auto& s) { s.SetColumnNumber(5); }),
+        Set<S>("direction", [](auto& s) { s.SetSortDirection(S::kDesc); }),
+        Set<S>("null order", [](auto& s) { s.SetNullSortDirection(S::kFirst); }),
+        Set<S>("case insensitive", [](auto& s) { s.SetCaseInsensitive(true); }),
+        Ignored<S>("logical", [](auto& s) { s.SetLogicalSelectListStatus(true); }),
+        Set<RqGroupBy>("grouping sets", [](auto& g) { g.AddGroupingSet({}); }),
+        Ignored<RqGroupBy>("mode", [](auto& g) { g.SetInternalExecutionMode(RqGroupBy::kHash); }),
+        Set<RqTableReference>("join type",
+                              [](auto& t) { t.SetJoinType(SqlTableRef::kNaturalJoin); }),
+        Set<RqTableReference>("left join columns",
+                              [](auto& t) { t.SetLeftJoinColumnIndexes({1}); }),
+        Set<RqTableReference>("right join columns",
+                              [](auto& t) { t.SetRightJoinColumnIndexes({1}); }),
+        Ignored<RqTableReference>("driving", [](auto& t) { t.SetDrivingTableHint({}); }),
+        Make<RqJoinNode>("preserved", [] { return RQ_NEW RqJoinNode(nullptr, true); }),
+        Make<RqJoinLink>("from", [&] { return RQ_NEW RqJoinLink(&out.m_joinNode, nullptr); }),
+        Make<RqJoinLink>("to", [&] { return RQ_NEW RqJoinLink(nullptr, &out.m_joinNode); }),
+        Set<RqAbstractTable>("table number", [](auto& t) { t.SetTableNum(2); }),
+        Set<RqIdentifiedTable>("table id", [](auto& t) { t.SetTableID(VoidID(3, 1)); }),
+        Make<RqExternalTable>("name", [] { return RQ_NEW RqExternalTable(L"n"); }),
+        Set<RqAbstractList>("row offset", [](auto& l) { l.SetRowOffset(1); }),
+        Set<RqAbstractList>("row limit", [](auto& l) { l.SetRowLimit(1); }),
+        Ignored<RqAbstractList>("label", [](auto& l) { l.SetLabel(L"x"); }),
+        Set<RqList>("distinct", [](auto& l) { l.SetDistinct(true); }),
+        Set<RqUnion>("all", [](auto& u) { u.SetAll(true); }),
+        Set<RqIntersect>("all", [](auto& i) { i.SetAll(true); }),
+        Set<RqExcept>("all", [](auto& e) { e.SetAll(true); }),
+        Set<RqSharedList>("shared list", [&](auto& s) { s.SetSharedRqList(&out.m_list); }),
+        Set<RqBreakFilter>("break columns", [](auto& f) { f.SetBreakColumnIndexes({0}); }),
+        Set<RqCache>("logical plan", [](auto& c) { c.SetLogicalPlan({1}); }),
+        Ignored<RqOrderBy>("sticky", [](auto& o) { o.SetSticky(true); }),
+        NodeName(),
+    };
+    for (const auto& more :
+         {Values<RqExprStringLiteral, RqExprDateLiteral, RqExprTimeLiteral, RqExprDateTimeLiteral,
+                 RqExprIntervalLiteral, RqExprNumberLiteral>(L"x"),
+          IdsAndNames<RqAttribute, RqExprDimension, RqExprLevel, RqEntity>()}) {
+        changes.insert(changes.end(), more.begin(), more.end());
+    }
+    return changes;
+}
+
+TEST(Equivalence, EveryKindIsToldApartByTheFieldsThatChangeItsMeaningAlone) {
+    Outside out;
+    const std::vector<Change> changes = Changes(out);
+    for (int value = 0; value < kRqNodeTypeCount; ++value) {
+        const auto kind = static_cast<RqNodeType_e>(value);
+        if (!RqIsNodeTypeValue(value) || RqIsAbstractNodeType(kind))
+            continue;
+        const char* kindName = RqNodeTypeName(kind);
+        Heap<RqNode> blank(rqtext::MakeBlankNode(kind));
+        const std::vector<const char*> names = RqEquivalence::ComparedFields(kind);
+        const std::set<std::string> compared(names.begin(), names.end());
+        std::set<std::string> matters;
+        for (const Change& change : changes) {
+            Heap<RqNode> changed(change.m_make(kind));
+            if (!changed)
+                continue;
+            if (change.m_bMatters)
+                matters.insert(change.m_name);
+            const int c = RqEquivalence::Compare(blank.Get(), changed.Get());
+            EXPECT_EQ(c == 0, !change.m_bMatters) << kindName << ": " << change.m_name;
+            EXPECT_EQ(RqEquivalence::Compare(changed.Get(), blank.Get()), -c) << kindName;
+        }
+        // The fields the equivalence compares are exactly those this test changes.
+        EXPECT_EQ(compared, matters) << kindName;
+    }
+}
+
+TEST(Equivalence, TheOrderIsStrictWeakAndTiesExactlyTheEquivalentExpressions) {
+    const double inf = std::numeric_limits<double>::infinity();
+    std::vector<Heap<RqExpr>> exprs;
+    for (double v : {std::nan(""), -inf, -0.0, 0.0, 1.0, inf, -std::nan("1")})
+        exprs.emplace_back(Float(v));
+    for (RqExpr* e : std::initializer_list<RqExpr*>{
+             Int(1), Add(Float(std::nan("")), Int(1)), Add(Float(1), Int(1)),
+             Sub(Col(L"a"), Col(L"b")), Sub(Col(L"b"), Col(L"a")), Sub(Col(L"b"), Col(L"a")),
+             Sum(Col(L"a")), Sum(Col(L"a"), By({})), RQ_NEW RqExprCoalesce(Col(L"a")),
+             RQ_NEW RqExprCoalesce(Col(L"a"), Col(L"b"))})
+        exprs.emplace_back(e);
     const LessEquivalentRqExpr less;
-    EXPECT_EQ(RqEquivalence()(a, b), bEquivalent) << name;
-    EXPECT_EQ(RqEquivalence()(b, a), bEquivalent) << name << " (reversed)";
-    EXPECT_EQ(!less(a, b) && !less(b, a), bEquivalent) << name << " (order)";
-    EXPECT_FALSE(less(a, b) && less(b, a)) << name << " (asymmetry)";
-}
-
-TEST(Equivalence, SameKindFieldsAndOperandsAreEquivalent) {
-    const std::vector<Pair> pairs = {
-        {"literal", [] { return Int(4); }, [] { return Int(4); }},
-        {"text literal", [] { return RQ_NEW RqExprStringLiteral(L"x"); },
-         [] { return RQ_NEW RqExprStringLiteral(L"x"); }},
-        {"float NaN", [] { return RQ_NEW RqExprFloatLiteral(std::nan("")); },
-         [] { return RQ_NEW RqExprFloatLiteral(std::nan("")); }},
-        {"column", [] { return Col(3); }, [] { return Col(3); }},
-        {"function", [] { return RQ_NEW RqExprAdd(Col(1), Int(2)); },
-         [] { return RQ_NEW RqExprAdd(Col(1), Int(2)); }},
-        {"cast", [] { return RQ_NEW RqExprCast(Col(1), L"INT"); },
-         [] { return RQ_NEW RqExprCast(Col(1), L"INT"); }},
-        {"aggregate",
-         [] { return RQ_NEW RqExprAggrSum(Col(1), RQ_NEW RqExprColumnList(RqExprVector{Col(2)})); },
-         [] {
-             return RQ_NEW RqExprAggrSum(Col(1), RQ_NEW RqExprColumnList(RqExprVector{Col(2)}));
-         }},
-        {"rank",
-         [] {
-             return Ranked({{1, RqSortSpec::kDesc}});
-         },
-         [] {
-             return Ranked({{1, RqSortSpec::kDesc}});
-         }},
-        {"instantiation state is not meaning",
-         [] {
-             return Flagged(RQ_NEW RqExprAggrSum(Col(1)),
-                            [](RqExprAggr& a) { a.SetInstantiated(false); });
-         },
-         [] { return RQ_NEW RqExprAggrSum(Col(1)); }},
-    };
-    for (const Pair& p : pairs) {
-        Heap<RqExpr> a(p.m_left());
-        Heap<RqExpr> b(p.m_right());
-        ExpectOrderConsistent(*a, *b, true, p.m_name);
+    auto same = [&](const RqExpr& a, const RqExpr& b) { return !less(a, b) && !less(b, a); };
+    for (const auto& a : exprs) {
+        EXPECT_FALSE(less(*a, *a));
+        for (const auto& b : exprs) {
+            EXPECT_EQ(same(*a, *b), RqEquivalence()(*a, *b));
+            for (const auto& c : exprs) {
+                EXPECT_TRUE(!less(*a, *b) || !less(*b, *c) || less(*a, *c));
+                EXPECT_TRUE(!same(*a, *b) || !same(*b, *c) || same(*a, *c));
+            }
+        }
     }
+    // NaN is one value, whatever its bits, after every number; -0 is 0; operands count in
+    // order, absent ones included.
+    const std::tuple<int, int, bool> pairs[] = {
+        {0, 6, true},  {0, 4, false},   {0, 5, false},  {2, 3, true},    {4, 7, false},
+        {8, 9, false}, {10, 11, false}, {11, 12, true}, {13, 14, false}, {15, 16, false}};
+    for (const auto& [i, j, bEquivalent] : pairs)
+        EXPECT_EQ(RqEquivalence()(*exprs[i], *exprs[j]), bEquivalent) << i << " " << j;
+    EXPECT_TRUE(less(*exprs[5], *exprs[0]));
+    // The shallow order reads kinds and fields only.
+    EXPECT_FALSE(RqShallowLessThan()(*exprs[10], *exprs[11]) ||
+                 RqShallowLessThan()(*exprs[11], *exprs[10]));
+    EXPECT_TRUE(EquivalentVectorExprs({exprs[11].Get()}, {exprs[12].Get()}));
+    EXPECT_FALSE(EquivalentVectorExprs({exprs[11].Get()}, {exprs[12].Get(), nullptr}));
+    const RqExpr* none = nullptr;
+    EXPECT_TRUE(RqEquivalence()(none, none) && !RqEquivalence()(exprs[0].Get(), none));
+    EXPECT_TRUE(less(none, exprs[0].Get()));
 }
 
-TEST(Equivalence, EachFieldKindAndOperandOrderMatters) {
-    const std::vector<Pair> pairs = {
-        {"literal value", [] { return Int(4); }, [] { return Int(5); }},
-        {"literal kind", [] { return Int(4); }, [] { return RQ_NEW RqExprFloatLiteral(4); }},
-        {"text value", [] { return RQ_NEW RqExprDateLiteral(L"2020-01-01"); },
-         [] { return RQ_NEW RqExprDateLiteral(L"2020-01-02"); }},
-        {"column id", [] { return Col(3); }, [] { return Col(4); }},
-        {"column table number", [] { return Col(3, 1); }, [] { return Col(3, 2); }},
-        {"column name", [] { return RQ_NEW RqTargetColumn(L"A", 1); },
-         [] { return RQ_NEW RqTargetColumn(L"B", 1); }},
-        {"column kind", [] { return Col(3); },
-         [] { return RQ_NEW RqTargetCubeColumn(VoidID(4, 3), L"C3", 1); }},
-        {"parameter name", [] { return RQ_NEW RqExprParam(L"a"); },
-         [] { return RQ_NEW RqExprParam(L"b"); }},
-        {"cast type", [] { return RQ_NEW RqExprCast(Col(1), L"INT"); },
-         [] { return RQ_NEW RqExprCast(Col(1), L"CHAR"); }},
-        {"operand order", [] { return RQ_NEW RqExprSubtract(Col(1), Col(2)); },
-         [] { return RQ_NEW RqExprSubtract(Col(2), Col(1)); }},
-        {"operand count", [] { return RQ_NEW RqExprCoalesce(Col(1)); },
-         [] { return RQ_NEW RqExprCoalesce(Col(1), Col(2)); }},
-        {"absent operand", [] { return RQ_NEW RqExprAggrSum(Col(1)); },
-         [] { return RQ_NEW RqExprAggrSum(Col(1), RQ_NEW RqExprColumnList()); }},
-        {"deep operand", [] { return RQ_NEW RqExprUpper(RQ_NEW RqExprLower(Col(1))); },
-         [] { return RQ_NEW RqExprUpper(RQ_NEW RqExprLower(Col(2))); }},
-        {"distinct",
-         [] { return RQ_NEW RqExprAggrCount(Col(1), nullptr, nullptr, RqExprAggr::kDistinct); },
-         [] { return RQ_NEW RqExprAggrCount(Col(1)); }},
-        {"distinct compute break",
-         [] {
-             return Flagged(RQ_NEW RqExprAggrSum(Col(1)),
-                            [](RqExprAggr& a) { a.SetDistinctComputeBreak(true); });
-         },
-         [] { return RQ_NEW RqExprAggrSum(Col(1)); }},
-        {"sql99",
-         [] {
-             return Flagged(RQ_NEW RqExprAggrSum(Col(1)),
-                            [](RqExprAggr& a) { a.SetSQL99Aggregation(true); });
-         },
-         [] { return RQ_NEW RqExprAggrSum(Col(1)); }},
-        {"sort direction",
-         [] {
-             return Ranked({{1, RqSortSpec::kDesc}});
-         },
-         [] {
-             return Ranked({{1, RqSortSpec::kAsc}});
-         }},
-        {"sort keys",
-         [] {
-             return Ranked({{1, RqSortSpec::kDesc}});
-         },
-         [] {
-             return Ranked({{1, RqSortSpec::kDesc}, {2, RqSortSpec::kAsc}});
-         }},
-    };
-    for (const Pair& p : pairs) {
-        Heap<RqExpr> a(p.m_left());
-        Heap<RqExpr> b(p.m_right());
-        ExpectOrderConsistent(*a, *b, false, p.m_name);
-    }
-}
-
-TEST(Equivalence, NullEqualsOnlyNull) {
-    Heap<RqExpr> a(Int(1));
-    const RqEquivalence equivalent;
-    EXPECT_TRUE(
-        equivalent(static_cast<const RqExpr*>(nullptr), static_cast<const RqExpr*>(nullptr)));
-    EXPECT_FALSE(equivalent(a.Get(), static_cast<const RqExpr*>(nullptr)));
-    EXPECT_FALSE(equivalent(static_cast<const RqExpr*>(nullptr), a.Get()));
-    EXPECT_TRUE(LessEquivalentRqExpr()(nullptr, a.Get()));
-}
-
-TEST(Equivalence, ReferencesAreEquivalentWhenTheyReadTheSameColumn) {
-    RqDerivedColumn x(Col(1));
-    RqDerivedColumn y(Col(1));
-    Heap<RqExpr> rx1(RQ_NEW RqDerivedColumnReference(&x));
-    Heap<RqExpr> rx2(RQ_NEW RqDerivedColumnReference(&x));
-    Heap<RqExpr> ry(RQ_NEW RqDerivedColumnReference(&y));
-    ExpectOrderConsistent(*rx1, *rx2, true, "same column");
-    ExpectOrderConsistent(*rx1, *ry, false, "columns with equivalent expressions");
-    EXPECT_FALSE(RqShallowLessThan()(*rx1, *rx2) || RqShallowLessThan()(*rx2, *rx1));
-    EXPECT_TRUE(RqShallowLessThan()(*rx1, *ry) || RqShallowLessThan()(*ry, *rx1));
-}
-
-TEST(Equivalence, CopyOfASubqueryReadingItsOwnBlockIsEquivalent) {
-    // EXISTS (SELECT t.a FROM (SELECT c1) t), where the reference reads a column of a derived
-    // table inside the subquery itself.
-    auto* inner = RQ_NEW RqList();
-    inner->GetProjection()->AddColumn(RQ_NEW RqDerivedColumn(Col(1)));
-    auto* block = RQ_NEW RqList();
-    block->GetProjection()->AddColumn(RQ_NEW RqDerivedColumn(
-        RQ_NEW RqDerivedColumnReference(inner->GetProjection()->GetIthColumn(0))));
-    block->SetJoinSpec(RQ_NEW RqJoinSpec({RQ_NEW RqJoinNode(
-        RQ_NEW RqTableReference(SqlTableRef::kInnerJoin, RQ_NEW RqDerivedTable(inner)))}));
-    Heap<RqExpr> exists(RQ_NEW RqExprCondExists(RQ_NEW RqExprLogicalSubquery(block)));
+TEST(Equivalence, ReferencesCountByTheColumnTheyRead) {
+    // EXISTS (SELECT t.#0 FROM (SELECT a, a) t): the reference reads a column of a derived
+    // table inside the subquery itself, so a copy reads its own copy of the column.
+    RqList* inner = Block().Select(Col(L"a", 1)).Select(Col(L"a", 1)).Build();
+    Heap<RqExpr> exists(Exists(Block().Select(Ref(*inner, 0)).From(Derived(inner)).Build()));
     Heap<RqExpr> copy(exists->DeepExprCopy(false));
-    ExpectOrderConsistent(*exists, *copy, true, "copy of a subquery");
+    EXPECT_TRUE(RqEquivalence()(*exists, *copy));
 
-    // Pointing the copy's reference outside its own block breaks the equivalence.
-    RqDerivedColumn outside(Col(1));
-    auto* copiedBlock = static_cast<RqExprSubquery*>(copy->GetIthOperand(0))->GetQuery();
-    static_cast<RqDerivedColumnReference*>(copiedBlock->GetProjection()->GetIthColumn(0)->GetExpr())
-        ->SetDerivedColumn(&outside);
-    ExpectOrderConsistent(*exists, *copy, false, "reference leaving the subquery");
+    // The copy's reference moved to the other column of its own inner block, then outside.
+    RqDerivedColumnReferenceVector references;
+    RqExprUtility::GetAllDerivedColumnReferences(copy.Get(), references);
+    RqDerivedColumnReference* reference = references.at(0);
+    reference->SetDerivedColumn(reference->GetDerivedColumn()->GetProjection()->GetIthColumn(1));
+    EXPECT_FALSE(RqEquivalence()(*exists, *copy));
+    EXPECT_TRUE(LessEquivalentRqExpr()(*exists, *copy) != LessEquivalentRqExpr()(*copy, *exists));
+    RqDerivedColumn outside(Col(L"a", 1));
+    reference->SetDerivedColumn(&outside);
+    EXPECT_FALSE(RqEquivalence()(*exists, *copy));
+
+    // Outside the compared expressions, the column itself counts, not its expression.
+    RqDerivedColumn twin(Col(L"a", 1));
+    Heap<RqExpr> a(Ref(&outside)), b(Ref(&outside)), c(Ref(&twin));
+    EXPECT_TRUE(RqEquivalence()(*a, *b));
+    EXPECT_FALSE(RqEquivalence()(*a, *c));
+    EXPECT_TRUE(RqShallowLessThan()(*a, *c) != RqShallowLessThan()(*c, *a));
 }
 
-TEST(Equivalence, OrderedSetKeepsOneOfEachEquivalenceClass) {
-    std::vector<Heap<RqExpr>> owned;
-    owned.emplace_back(RQ_NEW RqExprAdd(Col(1), Int(2)));
-    owned.emplace_back(Col(1));
-    owned.emplace_back(RQ_NEW RqExprAdd(Col(1), Int(2)));
-    owned.emplace_back(RQ_NEW RqExprAdd(Col(1), Int(3)));
-    owned.emplace_back(Col(1));
-    owned.emplace_back(Int(2));
-    std::set<const RqExpr*, LessEquivalentRqExpr> unique;
-    for (const Heap<RqExpr>& e : owned)
-        unique.insert(e.Get());
-    EXPECT_EQ(unique.size(), 4u);
-}
-
-TEST(Equivalence, ShallowOrderIgnoresOperandsAndVectorsCompareInOrder) {
-    Heap<RqExpr> a(RQ_NEW RqExprAdd(Col(1), Int(2)));
-    Heap<RqExpr> b(RQ_NEW RqExprAdd(Col(5), Int(6)));
-    Heap<RqExpr> c(RQ_NEW RqExprMultiply(Col(1), Int(2)));
-    const RqShallowLessThan shallow;
-    EXPECT_FALSE(shallow(*a, *b) || shallow(*b, *a));
-    EXPECT_TRUE(shallow(*a, *c) != shallow(*c, *a));
-    EXPECT_FALSE(RqEquivalence()(*a, *b));
-
-    Heap<RqExpr> a2(a->DeepExprCopy(false));
-    EXPECT_TRUE(EquivalentVectorExprs({a.Get(), c.Get()}, {a2.Get(), c.Get()}, RqEquivalence()));
-    EXPECT_FALSE(EquivalentVectorExprs({a.Get(), c.Get()}, {c.Get(), a2.Get()}, RqEquivalence()));
-    EXPECT_FALSE(EquivalentVectorExprs({a.Get()}, {a2.Get(), c.Get()}, RqEquivalence()));
-    EXPECT_TRUE(a->IsEquivalent(*a2));
-}
-
-TEST(Equivalence, TableReferencesCompareTheirTablesAndJoins) {
-    auto make = [](uint32_t table, SqlTableRef::JoinType join) {
-        return RQ_NEW RqTableReference(join, RQ_NEW RqAtomicTable(VoidID(3, table), 1),
-                                       RQ_NEW RqExprCondIsNull(Col(1)),
-                                       RQ_NEW RqAtomicTable(VoidID(3, 9), 2));
+TEST(Equivalence, GroupingSetsCompareAsABagOfSets) {
+    auto groupBy = [](std::initializer_list<UInt16Vector> sets) {
+        auto* g = RQ_NEW RqGroupBy(RqExprVector{Col(L"a", 1), Col(L"b", 1), Col(L"c", 1)});
+        for (const UInt16Vector& set : sets)
+            g->AddGroupingSet(set);
+        return Heap<RqGroupBy>(g);
     };
-    Heap<RqNode> a(make(1, SqlTableRef::kInnerJoin));
-    Heap<RqNode> same(make(1, SqlTableRef::kInnerJoin));
-    Heap<RqNode> otherTable(make(2, SqlTableRef::kInnerJoin));
-    Heap<RqNode> otherJoin(make(1, SqlTableRef::kLeftOuterJoin));
+    const auto base = groupBy({{0, 1}, {2}, {}});
     const RqEquivalence equivalent;
-    EXPECT_TRUE(equivalent(*a, *same));
-    EXPECT_FALSE(equivalent(*a, *otherTable));
-    EXPECT_FALSE(equivalent(*a, *otherJoin));
+    EXPECT_TRUE(equivalent(*base, *groupBy({{}, {2}, {1, 0}})));
+    EXPECT_FALSE(equivalent(*base, *groupBy({{0, 1}, {2}})));
+    EXPECT_FALSE(equivalent(*base, *groupBy({{0, 1}, {2}, {}, {}})));
+    EXPECT_FALSE(equivalent(*base, *groupBy({{0, 2}, {1}, {}})));
+    EXPECT_FALSE(equivalent(*groupBy({}), *groupBy({{0, 1, 2}})));
 }
 
 }  // namespace

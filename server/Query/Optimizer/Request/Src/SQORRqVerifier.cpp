@@ -15,6 +15,8 @@
 #include "Query/Optimizer/Request/SQORRqVerifier.h"
 
 #include <algorithm>
+#include <array>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 
@@ -48,6 +50,128 @@ bool IsExactly(const RqNode* node, RqNodeType_e kind) {
 // Child i, or null when the node has fewer children.
 const RqNode* Slot(const RqNode& node, int i) {
     return i < node.GetNumChildren() ? node.GetIthChild(i) : nullptr;
+}
+
+// What the verifier checks of a node, by the node's class. Every class of the kind table has
+// one: expressions by the expression rules, the others by the shape declared for their class
+// below, so that a kind added to the table without a shape does not compile.
+enum class Shape {
+    kNone,            // abstract kinds and markers: no node has them
+    kExpression,      // operand counts and kinds, references, sort keys, grouping ids
+    kHandle,          // at most one request
+    kBlock,           // the seven clause slots, a projection in slot 0
+    kProjection,      // derived columns with distinct numbers
+    kDerivedColumn,   // one expression
+    kFilter,          // one condition
+    kGroupBy,         // column lists, grouping sets within the columns
+    kOrderBy,         // sort specs, then push-down aggregates
+    kSortSpec,        // a column of its block, no children
+    kJoinSpec,        // join nodes, then join links
+    kJoinNode,        // one table reference
+    kTableReference,  // sides and a condition
+    kDerivedTable,    // one inner list
+    kSetOperation,    // lists, at least one
+    kBreakFilter,     // one inner list, break indexes within its projection
+    kCacheList,       // at most one list (cache lists and caches)
+    kSharedList,      // names a list of the tree, no children
+    kLeaf,            // no children
+    // Write requests and the request kinds that rules pass through: they hold whatever
+    // their producers put there, and only their producers know what that is.
+    kOpaque,
+};
+
+template <class T>
+struct ShapeOf;
+#define RQ_SHAPE(cls, shape)                          \
+    template <>                                       \
+    struct ShapeOf<cls> {                             \
+        static constexpr Shape kShape = Shape::shape; \
+    };
+RQ_SHAPE(RqNullNode, kLeaf)
+RQ_SHAPE(RqStats, kOpaque)
+RQ_SHAPE(RqHandleNode, kHandle)
+RQ_SHAPE(RqList, kBlock)
+RQ_SHAPE(RqUnion, kSetOperation)
+RQ_SHAPE(RqIntersect, kSetOperation)
+RQ_SHAPE(RqExcept, kSetOperation)
+RQ_SHAPE(RqSharedList, kSharedList)
+RQ_SHAPE(RqBreakFilter, kBreakFilter)
+RQ_SHAPE(RqProjection, kProjection)
+RQ_SHAPE(RqDerivedColumn, kDerivedColumn)
+RQ_SHAPE(RqDetailFilter, kFilter)
+RQ_SHAPE(RqSummaryFilter, kFilter)
+RQ_SHAPE(RqHaving, kFilter)
+RQ_SHAPE(RqJoinLink, kLeaf)
+RQ_SHAPE(RqJoinNode, kJoinNode)
+RQ_SHAPE(RqJoinSpec, kJoinSpec)
+RQ_SHAPE(RqAtomicTable, kLeaf)
+RQ_SHAPE(RqOpaqueTable, kLeaf)
+RQ_SHAPE(RqTransientOpaqueTable, kLeaf)
+RQ_SHAPE(RqXSACacheTable, kLeaf)
+RQ_SHAPE(RqVELDNativeTable, kLeaf)
+RQ_SHAPE(RqExternalTable, kLeaf)
+RQ_SHAPE(RqDerivedTable, kDerivedTable)
+RQ_SHAPE(RqEntity, kLeaf)
+RQ_SHAPE(RqTableReference, kTableReference)
+RQ_SHAPE(RqGroupBy, kGroupBy)
+RQ_SHAPE(RqSortSpec, kSortSpec)
+RQ_SHAPE(RqOrderBy, kOrderBy)
+RQ_SHAPE(RqCache, kCacheList)
+RQ_SHAPE(RqXSACache, kCacheList)
+RQ_SHAPE(RqCacheList, kCacheList)
+RQ_SHAPE(RqDelete, kOpaque)
+RQ_SHAPE(RqInsert, kOpaque)
+RQ_SHAPE(RqDrop, kOpaque)
+RQ_SHAPE(RqPopulate, kOpaque)
+RQ_SHAPE(RqCreateIndex, kOpaque)
+RQ_SHAPE(RqWrite, kOpaque)
+RQ_SHAPE(RqMolapStarJoin, kOpaque)
+RQ_SHAPE(RqMolapFilterJoin, kOpaque)
+RQ_SHAPE(RqSummaryAdvisorQuery, kOpaque)
+RQ_SHAPE(RqExplainPlan, kOpaque)
+RQ_SHAPE(RqDataMiningQuery, kOpaque)
+RQ_SHAPE(RqXSAGrainCheck, kOpaque)
+RQ_SHAPE(RqProbeQuery, kOpaque)
+RQ_SHAPE(RqSummarize, kOpaque)
+RQ_SHAPE(RqCanonicalMap, kOpaque)
+RQ_SHAPE(RqDetectAnomalies, kOpaque)
+#undef RQ_SHAPE
+
+template <class T>
+constexpr Shape ShapeOfClass() {
+    if constexpr (std::is_base_of_v<RqExpr, T>)
+        return Shape::kExpression;
+    else
+        return ShapeOf<T>::kShape;
+}
+
+constexpr std::array<Shape, kRqNodeTypeCount> MakeShapeTable() {
+    std::array<Shape, kRqNodeTypeCount> table{};
+#define RQ_SHAPE_G(value, cls) table[value] = ShapeOfClass<cls>();
+#define RQ_SHAPE_H(value, cls) table[value] = ShapeOfClass<cls>();
+#define RQ_SHAPE_A(value, cls)
+#define RQ_SHAPE_N(value, cls)
+#define RQ_SHAPE_K(value, cls, decl) RQ_SHAPE_##decl(value, cls)
+#define RQ_SHAPE_C(value, cls, decl)
+#define RQ_SHAPE_M(value, cls, decl)
+#define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) \
+    RQ_SHAPE_##row(value, cls, decl)
+#include "Query/Optimizer/Request/SQORRqNodeKinds.def"
+#undef RQ_NODE_KIND
+#undef RQ_SHAPE_K
+#undef RQ_SHAPE_C
+#undef RQ_SHAPE_M
+#undef RQ_SHAPE_G
+#undef RQ_SHAPE_H
+#undef RQ_SHAPE_A
+#undef RQ_SHAPE_N
+    return table;
+}
+
+constexpr std::array<Shape, kRqNodeTypeCount> kShapes = MakeShapeTable();
+
+Shape ShapeOfNode(const RqNode& node) {
+    return kShapes[static_cast<size_t>(node.GetObjectType())];
 }
 
 struct NodeRecord {
@@ -190,24 +314,38 @@ private:
         // Every node of the chain is one the walk found, so a chain longer than the tree
         // goes round a cycle (shared lists naming each other, a list held below itself).
         for (size_t steps = 0; list != nullptr && steps <= m_records.size(); ++steps) {
-            switch (list->GetObjectType()) {
-                case kRqList:
+            switch (ShapeOfNode(*list)) {
+                case Shape::kBlock:
                     return ProjectionOfBlock(list);
-                case kRqUnion:
-                case kRqIntersect:
-                case kRqExcept:
-                case kRqBreakFilter:
-                case kRqCacheList:
+                case Shape::kSetOperation:
+                case Shape::kBreakFilter:
+                case Shape::kCacheList:
+                    // A cache is not a list: no block reads it.
+                    if (RqDynCast<RqAbstractList>(list) == nullptr)
+                        return nullptr;
                     list = Slot(*list, 0);
                     break;
-                case kRqSharedList: {
-                    const RqAbstractList* shared =
-                        static_cast<const RqSharedList*>(list)->GetSharedRqList();
+                case Shape::kSharedList: {
+                    const RqAbstractList* shared = RqCast<RqSharedList>(list)->GetSharedRqList();
                     list = IsLive(shared) ? shared : nullptr;
                     break;
                 }
-                default:
-                    return nullptr;
+                case Shape::kNone:
+                case Shape::kExpression:
+                case Shape::kHandle:
+                case Shape::kProjection:
+                case Shape::kDerivedColumn:
+                case Shape::kFilter:
+                case Shape::kGroupBy:
+                case Shape::kOrderBy:
+                case Shape::kSortSpec:
+                case Shape::kJoinSpec:
+                case Shape::kJoinNode:
+                case Shape::kTableReference:
+                case Shape::kDerivedTable:
+                case Shape::kLeaf:
+                case Shape::kOpaque:
+                    return nullptr;  // exposes no columns
             }
         }
         return nullptr;
@@ -243,10 +381,8 @@ private:
     // The number of derived column i of a projection; kNoColumn for another member.
     static constexpr int kNoColumn = INT32_MIN;
     static int ColumnNumberAt(const RqNode& projection, int i) {
-        const RqNode* column = projection.GetIthChild(i);
-        return IsExactly(column, kRqDerivedColumn)
-                   ? static_cast<const RqDerivedColumn*>(column)->GetColumnNum()
-                   : kNoColumn;
+        const auto* column = RqDynCast<RqDerivedColumn>(projection.GetIthChild(i));
+        return column != nullptr ? column->GetColumnNum() : kNoColumn;
     }
     static constexpr int kLinearScanColumns = 16;
 
@@ -314,115 +450,95 @@ private:
     // links remain for CheckLinks.
     bool CheckNode(const NodeRecord& record) {
         const RqNode& node = *record.m_pNode;
-        if (node.IsExpr()) {
-            CheckExpr(record);
-            return node.GetObjectType() == kRqDerivedColumnReference;
-        }
-        switch (node.GetObjectType()) {
-            case kRqHandleNode:
-                if (node.GetNumChildren() > 1) {
+        switch (ShapeOfNode(node)) {
+            case Shape::kExpression:
+                CheckExpr(record);
+                return RqDynCast<RqDerivedColumnReference>(&node) != nullptr;
+            case Shape::kHandle:
+                if (node.GetNumChildren() > 1)
                     Report(&node, RqViolation::kChildKind, L"holds more than one request");
-                }
                 break;
-            case kRqList:
+            case Shape::kBlock:
                 CheckList(node);
                 break;
-            case kRqProjection:
+            case Shape::kProjection:
                 CheckProjection(node);
                 break;
-            case kRqDerivedColumn:
-                if (node.GetNumChildren() != 1 || !IsA(node.GetIthChild(0), kRqExpr)) {
-                    Report(&node, RqViolation::kProjectionMember,
-                           L"a derived column holds exactly one expression");
-                }
+            case Shape::kDerivedColumn:
+                CheckOneChild(node, kRqExpr, RqViolation::kProjectionMember,
+                              L"a derived column holds exactly one expression");
                 break;
-            case kRqDetailFilter:
-            case kRqSummaryFilter:
-            case kRqHaving:
-                if (node.GetNumChildren() != 1 || !IsA(node.GetIthChild(0), kRqExprCond)) {
-                    Report(&node, RqViolation::kFilterShape,
-                           L"a filter holds exactly one condition");
-                }
+            case Shape::kFilter:
+                CheckOneChild(node, kRqExprCond, RqViolation::kFilterShape,
+                              L"a filter holds exactly one condition");
                 break;
-            case kRqGroupBy:
-                CheckGroupBy(node);
+            case Shape::kGroupBy:
+                CheckGroupBy(*RqCast<RqGroupBy>(&node));
                 break;
-            case kRqOrderBy:
-                CheckOrderBy(static_cast<const RqOrderBy&>(node));
+            case Shape::kOrderBy:
+                CheckOrderBy(*RqCast<RqOrderBy>(&node));
                 break;
-            case kRqSortSpec:
-                CheckSortSpec(static_cast<const RqSortSpec&>(node), record.m_pOwner);
+            case Shape::kSortSpec:
+                CheckSortSpec(*RqCast<RqSortSpec>(&node), record.m_pOwner);
                 CheckLeaf(node);
                 break;
-            case kRqJoinSpec:
+            case Shape::kJoinSpec:
                 CheckJoinSpec(node);
                 break;
-            case kRqJoinNode:
-                if (node.GetNumChildren() != 1 ||
-                    !IsExactly(node.GetIthChild(0), kRqTableReference)) {
-                    Report(&node, RqViolation::kChildKind,
-                           L"a join node holds exactly one table reference");
-                }
+            case Shape::kJoinNode:
+                CheckOneChild(node, kRqTableReference, RqViolation::kChildKind,
+                              L"a join node holds exactly one table reference");
                 break;
-            case kRqTableReference:
+            case Shape::kTableReference:
                 CheckTableReference(node);
                 break;
-            case kRqDerivedTable:
-                if (node.GetNumChildren() != 1 || !IsA(node.GetIthChild(0), kRqAbstractList)) {
-                    Report(&node, RqViolation::kChildKind,
-                           L"a derived table holds exactly one inner list");
-                }
+            case Shape::kDerivedTable:
+                CheckOneChild(node, kRqAbstractList, RqViolation::kChildKind,
+                              L"a derived table holds exactly one inner list");
                 break;
-            case kRqBreakFilter:
-                return true;
-            case kRqUnion:
-            case kRqIntersect:
-            case kRqExcept:
+            case Shape::kSetOperation:
                 CheckSetOperation(node);
                 break;
-            case kRqCacheList:
+            case Shape::kCacheList:
                 if (node.GetNumChildren() > 1 ||
                     (node.GetNumChildren() == 1 && !IsA(node.GetIthChild(0), kRqAbstractList))) {
-                    Report(&node, RqViolation::kChildKind, L"a cache list holds one list");
+                    Report(&node, RqViolation::kChildKind, TypeName(node) + L" holds one list");
                 }
                 break;
-            case kRqSharedList:
+            case Shape::kBreakFilter:
+            case Shape::kSharedList:
                 return true;
-            case kRqNullNode:
-            case kRqJoinLink:
-            case kRqEntity:
-            case kRqAtomicTable:
-            case kRqOpaqueTable:
-            case kRqTransientOpaqueTable:
-            case kRqXSACacheTable:
-            case kRqVELDNativeTable:
-            case kRqExternalTable:
+            case Shape::kLeaf:
                 CheckLeaf(node);
                 break;
-            default:
-                // Write requests and the request kinds that rules pass through hold whatever
-                // their producers put there.
+            case Shape::kOpaque:
+                break;
+            case Shape::kNone:
+                ZK_LOGIC_ERROR(L"a node of an abstract kind");
                 break;
         }
         return false;
     }
 
+    // The node holds one child, of `kind` or a kind derived from it.
+    void CheckOneChild(const RqNode& node, RqNodeType_e kind, Kind violation,
+                       const wchar_t* message) {
+        if (node.GetNumChildren() != 1 || !IsA(node.GetIthChild(0), kind))
+            Report(&node, violation, message);
+    }
+
     // The checks that follow non-owning links, once the whole tree is recorded.
     void CheckLinks(const NodeRecord& record) {
-        const RqNode& node = *record.m_pNode;
-        switch (node.GetObjectType()) {
-            case kRqDerivedColumnReference:
-                CheckReference(static_cast<const RqDerivedColumnReference&>(node), record.m_pBlock);
-                break;
-            case kRqBreakFilter:
-                CheckBreakFilter(static_cast<const RqBreakFilter&>(node));
-                break;
-            case kRqSharedList:
-                CheckSharedList(static_cast<const RqSharedList&>(node));
-                CheckLeaf(node);
-                break;
-            default:
-                ZK_LOGIC_ERROR(L"only references, break filters and shared lists have links");
+        const RqNode* node = record.m_pNode;
+        if (const auto* reference = RqDynCast<RqDerivedColumnReference>(node)) {
+            CheckReference(*reference, record.m_pBlock);
+        } else if (const auto* filter = RqDynCast<RqBreakFilter>(node)) {
+            CheckBreakFilter(*filter);
+        } else if (const auto* shared = RqDynCast<RqSharedList>(node)) {
+            CheckSharedList(*shared);
+            CheckLeaf(*shared);
+        } else {
+            ZK_LOGIC_ERROR(L"only references, break filters and shared lists have links");
         }
     }
 
@@ -479,13 +595,14 @@ private:
         }
         for (int i = 0; i < projection.GetNumChildren(); ++i) {
             const RqNode* member = projection.GetIthChild(i);
-            if (!IsExactly(member, kRqDerivedColumn)) {
+            const auto* column = RqDynCast<RqDerivedColumn>(member);
+            if (column == nullptr) {
                 Report(member != nullptr ? member : &projection, RqViolation::kProjectionMember,
                        L"projection member " + Num(i) +
                            (member != nullptr ? L" is not a derived column" : L" is absent"));
                 continue;
             }
-            const int number = static_cast<const RqDerivedColumn*>(member)->GetColumnNum();
+            const int number = column->GetColumnNum();
             if (number < 0) {
                 Report(member, RqViolation::kColumnNumber,
                        L"column number " + Num(number) + L": every column needs one");
@@ -500,7 +617,7 @@ private:
         }
     }
 
-    void CheckGroupBy(const RqNode& groupBy) {
+    void CheckGroupBy(const RqGroupBy& groupBy) {
         if (groupBy.GetNumChildren() > 2) {
             Report(&groupBy, RqViolation::kChildKind,
                    L"a group-by holds its columns and its granularity only");
@@ -509,6 +626,30 @@ private:
             const RqNode* list = groupBy.GetIthChild(i);
             if (list != nullptr && !IsA(list, kRqExprColumnListOrdered)) {
                 Report(list, RqViolation::kChildKind, L"a group-by holds column lists");
+            }
+        }
+        CheckGroupingSets(groupBy);
+    }
+
+    // Each grouping set names positions of the GROUP BY's column list, each at most once: a
+    // position outside the list names no column, and one named twice says nothing more
+    // (it is a sign of a set built from the wrong list).
+    void CheckGroupingSets(const RqGroupBy& groupBy) {
+        const RqNode* columns = Slot(groupBy, 0);
+        const int numColumns =
+            IsA(columns, kRqExprColumnListOrdered) ? columns->GetNumChildren() : 0;
+        for (int s = 0; s < groupBy.GetNumGroupingSets(); ++s) {
+            std::vector<uint16_t>& seen = m_scratchPositions;
+            seen.clear();
+            for (uint16_t position : groupBy.GetIthGroupingSet(s)) {
+                const bool bRepeated = std::find(seen.begin(), seen.end(), position) != seen.end();
+                if (position >= numColumns || bRepeated) {
+                    Report(&groupBy, RqViolation::kGroupingSet,
+                           L"grouping set " + Num(s) + L" names position " + Num(position) +
+                               (bRepeated ? ZKString(L" twice")
+                                          : L" of a column list of " + Num(numColumns)));
+                }
+                seen.push_back(position);
             }
         }
     }
@@ -652,6 +793,32 @@ private:
                 }
             }
         }
+        if (const auto* groupingId = RqDynCast<RqExprGroupingId>(&expr))
+            CheckGroupingId(*groupingId, record.m_pBlock);
+    }
+
+    // A grouping id tells the rows of one grouping set from another's by the GROUP BY columns
+    // that the set leaves out: it needs its block's GROUP BY, and its operands must be columns
+    // of that GROUP BY (an operand that is not would have no bit to stand for).
+    void CheckGroupingId(const RqExprGroupingId& groupingId, const RqNode* block) {
+        const auto* groupBy =
+            block != nullptr ? RqDynCast<RqGroupBy>(Slot(*block, RqList::kGroupByChild)) : nullptr;
+        if (groupBy == nullptr) {
+            Report(&groupingId, RqViolation::kGroupingId,
+                   block == nullptr ? ZKString(L"a grouping id outside any block")
+                                    : L"the block " + PathOf(block) + L" has no GROUP BY");
+            return;
+        }
+        const auto* columns = RqDynCast<RqExprColumnListOrdered>(Slot(*groupBy, 0));
+        for (int i = 0; i < groupingId.GetNumChildren(); ++i) {
+            const auto* operand = RqDynCast<RqExpr>(groupingId.GetIthChild(i));
+            if (operand != nullptr &&
+                (columns == nullptr || !columns->HasEquivalentMember(*operand))) {
+                Report(
+                    &groupingId, RqViolation::kGroupingId,
+                    L"operand " + Num(i) + L" is not a column of the GROUP BY of " + PathOf(block));
+            }
+        }
     }
 
     static ZKString OperandRange(int numOperands, int minOperands, int maxOperands) {
@@ -685,7 +852,7 @@ private:
                        L"parameter " + Num(i - kFixed) + L" is absent");
             }
         }
-        const auto* sorted = dynamic_cast<const RqExprSortDependentAggr*>(&aggr);
+        const auto* sorted = RqDynCast<RqExprSortDependentAggr>(&aggr);
         if (sorted == nullptr)
             return;
         const RqNode* projection = ProjectionOfBlock(block);
@@ -742,6 +909,7 @@ private:
     std::vector<const RqNode*> m_scratchNodes;
     std::vector<std::pair<int, int>> m_scratchNumbers;
     std::vector<int> m_scratchFirst;
+    std::vector<uint16_t> m_scratchPositions;
 };
 
 }  // namespace
@@ -795,6 +963,10 @@ const wchar_t* RqVerifier::KindName(RqViolation::Kind kind) {
             return L"kChildKind";
         case RqViolation::kSharedListTarget:
             return L"kSharedListTarget";
+        case RqViolation::kGroupingSet:
+            return L"kGroupingSet";
+        case RqViolation::kGroupingId:
+            return L"kGroupingId";
     }
     return L"?";
 }

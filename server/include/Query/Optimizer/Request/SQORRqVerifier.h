@@ -23,6 +23,11 @@
 //    three fixed slots, measure, by-list and compute break, then at most the kind's
 //    parameters); only subqueries have a non-expression operand, a query block.
 //  - shared lists name a list of this tree.
+//  - grouping: each grouping set names positions of its GROUP BY's column list, each once;
+//    a grouping id (RqExprGroupingId) lies in a block with a GROUP BY, and each of its
+//    operands is equivalent to a column of that GROUP BY.
+//  - what each kind holds is declared per class: write requests and the request kinds that
+//    rules pass through are the only ones whose children are left unchecked.
 //
 // Visibility of a reference. The referring block is the nearest RqList above the reference.
 // It sees the projection that each derived table of its FROM clause exposes: the derived
@@ -57,6 +62,8 @@ struct RqViolation {
         kOperandCount,           // an expression with too few or too many operands
         kChildKind,              // any other container holding a child of the wrong kind
         kSharedListTarget,       // a shared list naming no list of this tree
+        kGroupingSet,            // a grouping set position outside the GROUP BY list, or twice
+        kGroupingId,             // a grouping id without a GROUP BY, or over a non-member
     };
 
     const RqNode* m_pNode;  // the offending node
