@@ -246,7 +246,7 @@ std::string SqlWriter::AggrJoin(const RqList& block, const AggrLevel& level,
         items.push_back(key + " AS " + name);
         keys.push_back(key);
         on.push_back(alias + "." + name + " IS " +
-                     Operand(Expr(*level.m_level[i], mainEnv), kStrengthCompare + 1));
+                     Operand(Expr(*level.m_level[i], mainEnv), kPredicateOperandStrength));
     }
     for (size_t j = 0; j < level.m_aggrs.size(); ++j) {
         const std::string name = "v" + std::to_string(j + 1);
@@ -260,7 +260,7 @@ std::string SqlWriter::AggrJoin(const RqList& block, const AggrLevel& level,
     std::string sql = "SELECT " + Join(items, ", ") + "\nFROM " + from;
     std::vector<std::string> where;
     for (const RqExpr* cond : rowConds)
-        where.push_back(Operand(Expr(*cond, rowEnv), kStrengthAnd));
+        where.push_back(Operand(Expr(*cond, rowEnv), kRqStrengthAnd));
     if (!where.empty())
         sql += "\nWHERE " + Join(where, " AND ");
     if (!keys.empty())

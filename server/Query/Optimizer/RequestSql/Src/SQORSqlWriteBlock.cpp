@@ -203,11 +203,11 @@ std::string SqlWriter::Grouped(const RqList& block, const std::string& from, con
     // Otherwise the summary conditions are HAVING, or WHERE at the details level.
     auto summary = [&](std::vector<std::string>& into) {
         for (const RqExpr* cond : shape.m_summaryConds)
-            into.push_back(Operand(Expr(*cond, env), kStrengthAnd));
+            into.push_back(Operand(Expr(*cond, env), kRqStrengthAnd));
     };
     std::vector<std::string> where;
     for (const RqExpr* cond : shape.m_rowConds)
-        where.push_back(Operand(Expr(*cond, rowEnv), kStrengthAnd));
+        where.push_back(Operand(Expr(*cond, rowEnv), kRqStrengthAnd));
     if (shape.m_bDetails && !bConditionsOutside)
         summary(where);
     const std::string groupBy = shape.m_bDetails ? "" : GroupByClause(shape, scope, branch);

@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <string_view>
 
 #include "SQORSqlWriter.h"
 
@@ -12,27 +13,15 @@ namespace sqlrender {
 
 namespace {
 
-// x op ANY (s) and x op ALL (s).
-struct QuantifiedForm {
-    RqNodeType_e m_kind;
-    const char* m_operator;
-    bool m_bAny;
-};
+// The form of x op ANY (s) or x op ALL (s); null for any other kind.
+const RqExprForm* FindQuantifiedForm(RqNodeType_e kind) {
+    const RqExprForm* form = RqFindExprForm(kind);
+    return form != nullptr && form->m_quantifier != nullptr ? form : nullptr;
+}
 
-constexpr QuantifiedForm kQuantifiedForms[] = {
-    {kRqExprCondAnyLessThan, "<", true},     {kRqExprCondAnyLessEqual, "<=", true},
-    {kRqExprCondAnyGreaterThan, ">", true},  {kRqExprCondAnyGreaterEqual, ">=", true},
-    {kRqExprCondAnyNotEqual, "<>", true},    {kRqExprCondAllLessThan, "<", false},
-    {kRqExprCondAllLessEqual, "<=", false},  {kRqExprCondAllEqual, "=", false},
-    {kRqExprCondAllGreaterThan, ">", false}, {kRqExprCondAllGreaterEqual, ">=", false},
-};
-
-const QuantifiedForm* FindQuantifiedForm(RqNodeType_e kind) {
-    for (const QuantifiedForm& form : kQuantifiedForms) {
-        if (form.m_kind == kind)
-            return &form;
-    }
-    return nullptr;
+// True for an ANY comparison, false for an ALL one.
+bool IsAnyForm(const RqExprForm& form) {
+    return std::string_view(form.m_quantifier) == "ANY";
 }
 
 // The SQLite type a CAST names, from the request's type name; empty when it names none.
@@ -168,13 +157,13 @@ void SqlWriter::CheckOperandCount(const RqExpr& expr) {
 }
 
 Sql SqlWriter::Operator(const RqExpr& expr, const ExprEnv& env) {
-    const OperatorForm* form = FindOperatorForm(expr.GetObjectType());
-    if (form == nullptr)
+    const RqExprForm* form = RqFindExprForm(expr.GetObjectType());
+    if (form == nullptr || form->m_quantifier != nullptr)
         Fail(SqlProblem::kNotSupported, &expr, KindName(&expr) + " has no operator form");
     CheckOperandCount(expr);
-    const std::string op = form->m_operator;
-    if (form->m_shape == OperatorForm::kPrefix)
-        return Sql{op + (std::isalpha(static_cast<unsigned char>(op[0])) ? " " : "") +
+    const std::string op = form->m_text;
+    if (form->m_shape == RqExprForm::kPrefix)
+        return Sql{op + (RqExprFormIsWord(*form) ? " " : "") +
                        Operand(Expr(Op(expr, 0), env), OperandStrength(*form, 0)),
                    form->m_strength};
     std::vector<std::string> parts;
@@ -217,7 +206,7 @@ Sql SqlWriter::SpecialForm(const RqExpr& expr, const ExprEnv& env) {
             return Sql{"pow(" + Expr(Op(expr, 0), env).m_text + ", 2)"};
         case kRqExprCot:
             CheckOperandCount(expr);
-            return Sql{"1.0 / tan(" + Expr(Op(expr, 0), env).m_text + ")", kStrengthMul};
+            return Sql{"1.0 / tan(" + Expr(Op(expr, 0), env).m_text + ")", kRqStrengthMul};
         case kRqExprOctetLength:
             CheckOperandCount(expr);
             return Sql{"length(CAST(" + Expr(Op(expr, 0), env).m_text + " AS BLOB))"};
@@ -261,17 +250,17 @@ Sql SqlWriter::SpecialForm(const RqExpr& expr, const ExprEnv& env) {
 Sql SqlWriter::Literal(const RqExpr& expr) {
     if (const auto* integer = RqDynCast<RqExprIntegerLiteral>(&expr)) {
         const int64_t value = integer->GetValue();
-        return Sql{std::to_string(value), value < 0 ? kStrengthUnary : kStrengthAtom};
+        return Sql{std::to_string(value), value < 0 ? kRqStrengthUnary : kRqStrengthAtom};
     }
     if (const auto* real = RqDynCast<RqExprFloatLiteral>(&expr)) {
         const double value = real->GetValue();
-        return Sql{RealText(value, &expr), value < 0 ? kStrengthUnary : kStrengthAtom};
+        return Sql{RealText(value, &expr), value < 0 ? kRqStrengthUnary : kRqStrengthAtom};
     }
     if (const auto* number = RqDynCast<RqExprNumberLiteral>(&expr)) {
         const std::string text = Utf8(number->GetValue());
         if (!IsNumberText(text))
             Fail(SqlProblem::kNotSupported, &expr, "a number literal that is not a number");
-        return Sql{text, text[0] == '-' || text[0] == '+' ? kStrengthUnary : kStrengthAtom};
+        return Sql{text, text[0] == '-' || text[0] == '+' ? kRqStrengthUnary : kRqStrengthAtom};
     }
     if (RqDynCast<RqExprNullLiteral>(&expr) != nullptr)
         return Sql{"NULL"};
@@ -285,21 +274,21 @@ Sql SqlWriter::Literal(const RqExpr& expr) {
 
 Sql SqlWriter::Condition(const RqExpr& expr, const ExprEnv& env) {
     CheckOperandCount(expr);
-    const int compare = kStrengthCompare + 1;
+    const int compare = kPredicateOperandStrength;
     switch (expr.GetObjectType()) {
         case kRqExprCondIsNull:
-            return Sql{Operand(Expr(Op(expr, 0), env), compare) + " IS NULL", kStrengthCompare};
+            return Sql{Operand(Expr(Op(expr, 0), env), compare) + " IS NULL", kRqStrengthCompare};
         case kRqExprCondBetween:
             return Sql{Operand(Expr(Op(expr, 0), env), compare) + " BETWEEN " +
                            Operand(Expr(Op(expr, 1), env), compare) + " AND " +
                            Operand(Expr(Op(expr, 2), env), compare),
-                       kStrengthCompare};
+                       kRqStrengthCompare};
         case kRqExprCondLike: {
             std::string text = Operand(Expr(Op(expr, 0), env), compare) + " LIKE " +
                                Operand(Expr(Op(expr, 1), env), compare);
             if (expr.GetNumOperands() == 3)
                 text += " ESCAPE " + Operand(Expr(Op(expr, 2), env), compare);
-            return Sql{text, kStrengthCompare};
+            return Sql{text, kRqStrengthCompare};
         }
         case kRqExprCondIn:
             return In(expr, env);
@@ -461,13 +450,13 @@ Sql SqlWriter::ScalarSubquery(const RqExpr& subquery, const ExprEnv& env) {
 }
 
 Sql SqlWriter::In(const RqExpr& expr, const ExprEnv& env) {
-    const std::string value = Operand(Expr(Op(expr, 0), env), kStrengthCompare + 1);
+    const std::string value = Operand(Expr(Op(expr, 0), env), kPredicateOperandStrength);
     if (expr.GetNumOperands() == 2 && Op(expr, 1).IsKindOf(kRqExprSubquery)) {
         const RqAbstractList& query = SubqueryOf(Op(expr, 1));
         if (query.GetProjection()->GetNumColumns() != 1)
             Fail(SqlProblem::kMalformed, &expr, "IN over a subquery of several columns");
         return Sql{value + " IN (\n" + Indent(SubqueryList(Op(expr, 1), env)) + "\n)",
-                   kStrengthCompare};
+                   kRqStrengthCompare};
     }
     std::vector<std::string> members;
     for (int i = 1; i < expr.GetNumOperands(); ++i) {
@@ -475,30 +464,31 @@ Sql SqlWriter::In(const RqExpr& expr, const ExprEnv& env) {
             Fail(SqlProblem::kNotSupported, &expr, "IN over a subquery among other members");
         members.push_back(Expr(Op(expr, i), env).m_text);
     }
-    return Sql{value + " IN (" + Join(members, ", ") + ")", kStrengthCompare};
+    return Sql{value + " IN (" + Join(members, ", ") + ")", kRqStrengthCompare};
 }
 
 // x op ANY (s) and x op ALL (s), which SQLite lacks, in three-valued logic: true, false or
 // unknown as the comparisons with the subquery's rows decide.
 Sql SqlWriter::Quantified(const RqExpr& expr, const ExprEnv& env) {
     CheckOperandCount(expr);
-    const QuantifiedForm& form = *FindQuantifiedForm(expr.GetObjectType());
+    const RqExprForm& form = *FindQuantifiedForm(expr.GetObjectType());
+    const bool bAny = IsAnyForm(form);
     const RqExpr& subquery = Op(expr, 1);
     const RqAbstractList& query = SubqueryOf(subquery);
     auto exists = [&](const std::string& condTemplate) {
         const std::string alias = NewAlias("q" + std::to_string(++m_subqueryCount));
         const std::string column = alias + "." + SqlRenderer::GetColumnName(query, 0);
-        const std::string comparison = Operand(Expr(Op(expr, 0), env), kStrengthCompare + 1) + " " +
-                                       form.m_operator + " " + column;
+        const std::string comparison = Operand(Expr(Op(expr, 0), env), kPredicateOperandStrength) + " " +
+                                       form.m_text + " " + column;
         std::string cond = condTemplate;
         cond.replace(cond.find('@'), 1, comparison);
         return "EXISTS (SELECT 1 FROM (\n" + Indent(SubqueryList(subquery, env)) + "\n) AS " +
                alias + " WHERE " + cond + ")";
     };
-    const std::string decisive = exists(form.m_bAny ? "@" : "NOT (@)");
+    const std::string decisive = exists(bAny ? "@" : "NOT (@)");
     const std::string unknown = exists("(@) IS NULL");
-    return Sql{"CASE WHEN " + decisive + " THEN " + (form.m_bAny ? "1" : "0") + " WHEN " + unknown +
-               " THEN NULL ELSE " + (form.m_bAny ? "0" : "1") + " END"};
+    return Sql{"CASE WHEN " + decisive + " THEN " + (bAny ? "1" : "0") + " WHEN " + unknown +
+               " THEN NULL ELSE " + (bAny ? "0" : "1") + " END"};
 }
 
 }  // namespace sqlrender
