@@ -1,6 +1,6 @@
 // RemoveRedundantOrderBy through its API: which join types count as a join of two tables,
-// the walk called directly (null root, flags carried over until Reset), and the driver
-// starting the walk only at the request's handle. What the rule does to whole requests is
+// the walk called directly (null root, flags carried over), a rule object applied twice, and
+// the driver starting the walk only at the request's handle. What the rule does to whole requests is
 // shown by the golden cases in tests/golden/RemoveRedundantOrderBy/.
 
 #include <gtest/gtest.h>
@@ -55,18 +55,14 @@ std::vector<RqOrderBy*> OrderBys(RqNode& root) {
     while (!work.empty()) {
         RqNode* node = work.back();
         work.pop_back();
-        if (node->GetObjectType() == kRqOrderBy)
-            found.push_back(static_cast<RqOrderBy*>(node));
+        if (RqOrderBy* orderBy = RqDynCast<RqOrderBy>(node))
+            found.push_back(orderBy);
         for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
             if (RqNode* child = node->GetIthChild(i))
                 work.push_back(child);
         }
     }
     return found;
-}
-
-RqList& TopList(RqHandleNode& request) {
-    return static_cast<RqList&>(*request.GetRqNode());
 }
 
 void Apply(RqHandleNode& request) {
@@ -124,19 +120,29 @@ TEST(RemoveRedundantOrderBy, ADirectSecondWalkKeepsTheFlagsOfTheFirst) {
     rule.MarkNodesToUnknownTargetAndDeleteOrderBys(second.Get());
     EXPECT_EQ(OrderBys(*first).size(), 1u);
     EXPECT_TRUE(OrderBys(*second).empty());
+}
 
-    // Reset clears them: the next walk keeps a topmost ORDER BY again.
-    Heap<RqHandleNode> third(rqb::Request(SalesBlock(true, L"c")));
-    rule.Reset();
-    rule.MarkNodesToUnknownTargetAndDeleteOrderBys(third.Get());
-    EXPECT_EQ(OrderBys(*third).size(), 1u);
+// The driver resets both flags before the pass: one rule object applied to a request that
+// keeps an ORDER BY, or to one that joins two tables, and then to a plain ordered block
+// keeps that block's ORDER BY.
+TEST(RemoveRedundantOrderBy, ApplyingTheRuleAgainStartsAfresh) {
+    for (RqHandleNode* before : {rqb::Request(SalesBlock(true, L"ordered")),
+                                 RequestOverDerived(SalesBlock(false), false,
+                                                    SqlTableRef::kInnerJoin, true)}) {
+        Heap<RqHandleNode> first(before);
+        Heap<RqHandleNode> second(rqb::Request(SalesBlock(true, L"again")));
+        RemoveRedundantOrderBy rule(nullptr);
+        rule.ApplyRule(*first);
+        rule.ApplyRule(*second);
+        EXPECT_EQ(OrderBys(*second).size(), 1u);
+    }
 }
 
 TEST(RemoveRedundantOrderBy, OnlyTheRootHandleStartsTheWalk) {
     // Applied to a list instead of the request's handle, no Visit starts the walk.
     Heap<RqHandleNode> request(RequestOverDerived(SalesBlock(true), true));
     RemoveRedundantOrderBy rule(nullptr);
-    rule.ApplyRule(TopList(*request));
+    rule.ApplyRule(*request->GetRqNode());
     EXPECT_EQ(OrderBys(*request).size(), 2u);
 }
 

@@ -1,0 +1,132 @@
+// The default visitor overloads: a visitor that writes only a few overloads and family hooks
+// sees every other node through the nearest family it handles, and the report aggregate and
+// the no-aggregate marker stay logic errors whatever families the visitor handles.
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+
+#include "Query/Optimizer/Request/SQORRqBuilder.h"
+#include "Query/Optimizer/Request/SQORRqVisitorDefaults.h"
+
+namespace {
+
+using Seen = std::map<std::string, std::string>;  // node class -> what handled it
+
+void Note(Seen& seen, const RqNode& node, const char* handler) {
+    seen[RqNodeTypeName(node.GetObjectType())] = handler;
+}
+
+// Handles one table kind itself, every other table and every list by family, and the rest
+// of the nodes through the root hook.
+class TableAndListNotes : public RqNodeVisitorDefaults<AVisitorRqNode> {
+public:
+    RQ_VISIT_DEFAULTS(RqNodeVisitorDefaults<AVisitorRqNode>);
+
+    bool Visit(RqDerivedTable& node) override { return Handled(node, "derived"); }
+    bool VisitAny(RqAbstractTable& node) override { return Handled(node, "table"); }
+    bool VisitAny(RqAbstractList& node) override { return Handled(node, "list"); }
+    bool VisitAny(RqNode& node) override { return Handled(node, "node"); }
+
+    Seen m_seen;
+
+private:
+    bool Handled(RqNode& node, const char* handler) {
+        Note(m_seen, node, handler);
+        return false;
+    }
+};
+
+TEST(NodeVisitorDefaults, FamiliesCatchTheKindsWithoutAnOverload) {
+    // A union of a block over a table and a block over a derived table, shared, filtered
+    // on a break and read by a block that joins it to a table.
+    RqList* leaf = rqb::Block().Select(rqb::Col(L"a", 1)).From(rqb::Table(VoidID(3, 1), 1)).Build();
+    RqList* nested = rqb::Block().Select(rqb::Ref(*leaf, 0)).From(rqb::Derived(leaf, 2)).Build();
+    RqAbstractList* shared = rqb::BreakFilter(rqb::Union({nested, rqb::Block()
+                                                                      .Select(rqb::Col(L"a", 3))
+                                                                      .From(rqb::Table(VoidID(3, 2), 3))
+                                                                      .Build()},
+                                                         true),
+                                              {0});
+    rqb::Block top;
+    top.Select(rqb::Ref(*shared, 0))
+        .Join(SqlTableRef::kLeftOuterJoin, rqb::Derived(shared, 4), rqb::Table(VoidID(3, 3), 5),
+              nullptr);
+    Heap<RqHandleNode> request(rqb::Request(top.Build()));
+
+    TableAndListNotes visitor;
+    request->Accept(visitor);
+    const Seen expected = {
+        {"RqHandleNode", "node"},     {"RqList", "list"},        {"RqUnion", "list"},
+        {"RqBreakFilter", "list"},    {"RqAtomicTable", "table"}, {"RqDerivedTable", "derived"},
+        {"RqProjection", "node"},     {"RqDerivedColumn", "node"}, {"RqJoinSpec", "node"},
+        {"RqJoinNode", "node"},       {"RqTableReference", "node"},
+        // Expressions reach a node visitor as RqExpr, whatever their kind.
+        {"RqTargetColumn", "node"},   {"RqDerivedColumnReference", "node"},
+    };
+    EXPECT_EQ(visitor.m_seen, expected);
+}
+
+// Collects aggregates without looking inside them, conditions, and other expressions.
+class AggrAndCondNotes : public RqExprVisitorDefaults<> {
+public:
+    RQ_VISIT_DEFAULTS(RqExprVisitorDefaults<>);
+
+    bool Visit(RqExprCondLike& expr) override {
+        Note(m_seen, expr, "like");
+        return true;
+    }
+    bool VisitAny(RqExprAggr& expr) override {
+        Note(m_seen, expr, "aggregate");
+        return true;
+    }
+    bool VisitAny(RqExprCond& expr) override {
+        Note(m_seen, expr, "condition");
+        return false;
+    }
+    bool VisitAny(RqExpr& expr) override {
+        Note(m_seen, expr, "expression");
+        return false;
+    }
+
+    Seen m_seen;
+};
+
+TEST(ExprVisitorDefaults, FamiliesCatchTheKindsWithoutAnOverload) {
+    Heap<RqExpr> expr(rqb::And(
+        rqb::Or(rqb::Gt(rqb::Sum(rqb::Col(L"inside_sum", 1)), rqb::Int(0)),
+                rqb::Like(rqb::Col(L"name", 1), rqb::Str(L"A%"))),
+        rqb::Eq(rqb::Aggr<RqExprAggrReportSum>(rqb::Col(L"inside_report", 1)),
+                rqb::Aggr<RqExprAggrRank>(rqb::Col(L"inside_rank", 1)))));
+    AggrAndCondNotes visitor;
+    expr->Accept(visitor);
+    const Seen expected = {
+        {"RqExprCondAnd", "condition"},      {"RqExprCondOr", "condition"},
+        {"RqExprCondGreater", "condition"},  {"RqExprCondEquality", "condition"},
+        {"RqExprCondLike", "like"},          {"RqExprAggrSum", "aggregate"},
+        {"RqExprAggrReportSum", "aggregate"}, {"RqExprAggrRank", "aggregate"},
+        {"RqExprIntegerLiteral", "expression"},
+        // The operands of the aggregates and of the LIKE are never reached.
+    };
+    EXPECT_EQ(visitor.m_seen, expected);
+}
+
+// Without any override, every node answers false and the walk reaches every node.
+TEST(ExprVisitorDefaults, AVisitorWithoutOverridesWalksEverything) {
+    class Nothing : public RqExprVisitorDefaults<> {};
+    Heap<RqExpr> expr(rqb::Add(rqb::Col(L"a", 1), rqb::Neg(rqb::Int(2))));
+    Nothing visitor;
+    expr->Accept(visitor);  // reaching the end without a logic error is the test
+}
+
+TEST(ExprVisitorDefaultsDeathTest, ReportAggregateAndNoAggregateStayLogicErrors) {
+    // Handling every aggregate by family does not make these two kinds handled.
+    Heap<RqExpr> report(RQ_NEW RqExprAggrReport(rqb::Col(L"a", 1)));
+    Heap<RqExpr> none(RQ_NEW RqExprNoAggregate(rqb::Col(L"a", 1)));
+    AggrAndCondNotes visitor;
+    EXPECT_DEATH(report->Accept(visitor), "LOGIC ERROR: .*SQORAVisitorRqExpr\\.h:366");
+    EXPECT_DEATH(none->Accept(visitor), "LOGIC ERROR: .*SQORAVisitorRqExpr\\.h:349");
+}
+
+}  // namespace
