@@ -49,10 +49,10 @@ std::vector<std::string> Resolved(const std::vector<std::string>& args, size_t* 
 TEST(RqoptCommandLine, OptionsTakeValuesInEitherForm) {
     RqoptOptions options;
     std::string error;
-    ASSERT_TRUE(ParseRqoptArgs({"--rules=A,B", "--rules", "C", "--catalog", "c.catalog", "--flag",
-                                "F=1", "--session=S=a=b", "--disable=A", "--bisect", "2", "--diff",
-                                "--dump", "x.rq"},
-                               options, error))
+    ASSERT_TRUE(ParseRqoptArgs(
+        {"--rules=A,B", "--rules", "C", "--catalog", "c.catalog", "--flag", "F=1",
+         "--session=S=a=b", "--disable=A", "--bisect", "2", "--diff", "--dump", "x.rq"},
+        options, error))
         << error;
     EXPECT_EQ(options.m_ruleLists, (std::vector<std::string>{"A,B", "C"}));
     EXPECT_EQ(options.m_catalog, "c.catalog");
@@ -73,9 +73,8 @@ TEST(RqoptCommandLine, OptionsTakeValuesInEitherForm) {
 TEST(RqoptCommandLine, TheDataOfTheCheckIsChosenByNumbersInRange) {
     RqoptOptions options;
     std::string error;
-    ASSERT_TRUE(ParseRqoptArgs({"--check-sql", "--seed=18446744073709551615", "--rows", "1000000",
-                                "x"},
-                               options, error))
+    ASSERT_TRUE(ParseRqoptArgs(
+        {"--check-sql", "--seed=18446744073709551615", "--rows", "1000000", "x"}, options, error))
         << error;
     EXPECT_EQ(options.m_seed, UINT64_MAX);
     EXPECT_EQ(options.m_rows, kRqoptMaxRows);

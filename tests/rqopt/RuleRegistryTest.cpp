@@ -39,11 +39,9 @@ const std::vector<RuleInfo>& ProbeTable() {
             [](const RuleContext&, const ProbeOptions& o) -> std::unique_ptr<RewriteRule> {
                 return std::make_unique<ProbeRule>(o);
             }),
-        RuleInfo::Make<NoRuleOptions>(
-            "Plain", "A rule without options.",
-            [](const RuleContext&, const NoRuleOptions&) -> std::unique_ptr<RewriteRule> {
-                return nullptr;
-            }),
+        RuleInfo::Make<NoRuleOptions>("Plain", "A rule without options.",
+                                      [](const RuleContext&, const NoRuleOptions&)
+                                          -> std::unique_ptr<RewriteRule> { return nullptr; }),
     };
     return table;
 }

@@ -76,18 +76,34 @@ std::string Patch(const std::vector<std::string>& before, const std::string& dif
     return text;
 }
 
-TEST(TextDiff, EqualTextsGiveNoDiff) {
-    EXPECT_EQ(UnifiedDiff("a\nb\n", "a\nb\n", "x", "y"), "");
-    EXPECT_EQ(UnifiedDiff("", "", "x", "y"), "");
-}
-
-TEST(TextDiff, OneChangeGetsThreeLinesOfContext) {
-    EXPECT_EQ(UnifiedDiff(Numbered(10), Numbered(10, 5), "before R", "after R"),
-              "--- before R\n+++ after R\n"
-              "@@ -2,7 +2,7 @@\n l2\n l3\n l4\n-l5\n+x5\n l6\n l7\n l8\n");
-    // At the edges the context is cut short.
-    EXPECT_EQ(UnifiedDiff(Numbered(3), Numbered(3, 1), "a", "b"),
-              "--- a\n+++ b\n@@ -1,3 +1,3 @@\n-l1\n+x1\n l2\n l3\n");
+TEST(TextDiff, HunksOfTheUnifiedFormat) {
+    struct Case {
+        std::string m_before, m_after;
+        int m_context;
+        std::string m_diff;  // without the two header lines
+    };
+    const Case cases[] = {
+        {"a\nb\n", "a\nb\n", 3, ""},
+        {"", "", 3, ""},
+        {Numbered(10), Numbered(10, 5), 3,
+         "@@ -2,7 +2,7 @@\n l2\n l3\n l4\n-l5\n+x5\n l6\n l7\n l8\n"},
+        // At the edges the context is cut short.
+        {Numbered(3), Numbered(3, 1), 3, "@@ -1,3 +1,3 @@\n-l1\n+x1\n l2\n l3\n"},
+        // An empty side names the line before it.
+        {"", "a\nb\n", 3, "@@ -0,0 +1,2 @@\n+a\n+b\n"},
+        {"a\n", "", 3, "@@ -1 +0,0 @@\n-a\n"},
+        {"a\nb\n", "a\nn\nb\n", 0, "@@ -1,0 +2 @@\n+n\n"},
+        // A replaced stretch lists its old lines first.
+        {Lines({"k", "a", "b", "k"}), Lines({"k", "c", "d", "k"}), 3,
+         "@@ -1,4 +1,4 @@\n k\n-a\n-b\n+c\n+d\n k\n"},
+        // The last line counts without its newline.
+        {"a\nb", "a\nc", 3, "@@ -1,2 +1,2 @@\n a\n-b\n+c\n"},
+    };
+    for (const Case& c : cases) {
+        const std::string diff = UnifiedDiff(c.m_before, c.m_after, "x", "y", c.m_context);
+        EXPECT_EQ(diff, c.m_diff.empty() ? "" : "--- x\n+++ y\n" + c.m_diff) << c.m_before << "->\n"
+                                                                             << c.m_after;
+    }
 }
 
 TEST(TextDiff, NearChangesShareAHunkAndFarOnesDoNot) {
@@ -99,18 +115,6 @@ TEST(TextDiff, NearChangesShareAHunkAndFarOnesDoNot) {
     const std::string two = UnifiedDiff(Numbered(20), Numbered(20, 5, 13), "a", "b");
     EXPECT_NE(two.find("@@ -2,7 +2,7 @@"), std::string::npos) << two;
     EXPECT_NE(two.find("@@ -10,7 +10,7 @@"), std::string::npos) << two;
-}
-
-TEST(TextDiff, EmptySidesNameTheLineBefore) {
-    EXPECT_EQ(UnifiedDiff("", "a\nb\n", "x", "y"), "--- x\n+++ y\n@@ -0,0 +1,2 @@\n+a\n+b\n");
-    EXPECT_EQ(UnifiedDiff("a\n", "", "x", "y"), "--- x\n+++ y\n@@ -1 +0,0 @@\n-a\n");
-    EXPECT_EQ(UnifiedDiff("a\nb\n", "a\nn\nb\n", "x", "y", 0), "--- x\n+++ y\n@@ -1,0 +2 @@\n+n\n");
-}
-
-TEST(TextDiff, ReplacedStretchesListOldLinesFirst) {
-    const std::string diff =
-        UnifiedDiff(Lines({"k", "a", "b", "k"}), Lines({"k", "c", "d", "k"}), "x", "y");
-    EXPECT_EQ(diff, "--- x\n+++ y\n@@ -1,4 +1,4 @@\n k\n-a\n-b\n+c\n+d\n k\n");
 }
 
 TEST(TextDiff, RandomEditsAreMinimalAndPatchBack) {
@@ -149,12 +153,6 @@ TEST(TextDiff, RandomEditsAreMinimalAndPatchBack) {
             EXPECT_EQ(Patch(a, diff), after) << diff;
         }
     }
-}
-
-TEST(TextDiff, LastLineWithoutNewlineIsALine) {
-    EXPECT_EQ(SplitLines("a\nb"), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(SplitLines("a\n\n"), (std::vector<std::string>{"a", ""}));
-    EXPECT_TRUE(SplitLines("").empty());
 }
 
 TEST(DidYouMean, SuggestsTheNearestNameWhenNearEnough) {

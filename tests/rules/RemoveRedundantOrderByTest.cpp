@@ -1,7 +1,7 @@
 // RemoveRedundantOrderBy through its API: which join types count as a join of two tables,
 // the walk called directly (null root, flags carried over), a rule object applied twice, and
-// the driver starting the walk only at the request's handle. What the rule does to whole requests is
-// shown by the golden cases in tests/golden/RemoveRedundantOrderBy/.
+// the driver starting the walk only at the request's handle. What the rule does to whole requests
+// is shown by the golden cases in tests/golden/RemoveRedundantOrderBy/.
 
 #include <gtest/gtest.h>
 
@@ -126,9 +126,9 @@ TEST(RemoveRedundantOrderBy, ADirectSecondWalkKeepsTheFlagsOfTheFirst) {
 // keeps an ORDER BY, or to one that joins two tables, and then to a plain ordered block
 // keeps that block's ORDER BY.
 TEST(RemoveRedundantOrderBy, ApplyingTheRuleAgainStartsAfresh) {
-    for (RqHandleNode* before : {rqb::Request(SalesBlock(true, L"ordered")),
-                                 RequestOverDerived(SalesBlock(false), false,
-                                                    SqlTableRef::kInnerJoin, true)}) {
+    for (RqHandleNode* before :
+         {rqb::Request(SalesBlock(true, L"ordered")),
+          RequestOverDerived(SalesBlock(false), false, SqlTableRef::kInnerJoin, true)}) {
         Heap<RqHandleNode> first(before);
         Heap<RqHandleNode> second(rqb::Request(SalesBlock(true, L"again")));
         RemoveRedundantOrderBy rule(nullptr);

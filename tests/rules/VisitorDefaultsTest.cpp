@@ -43,12 +43,12 @@ TEST(NodeVisitorDefaults, FamiliesCatchTheKindsWithoutAnOverload) {
     // on a break and read by a block that joins it to a table.
     RqList* leaf = rqb::Block().Select(rqb::Col(L"a", 1)).From(rqb::Table(VoidID(3, 1), 1)).Build();
     RqList* nested = rqb::Block().Select(rqb::Ref(*leaf, 0)).From(rqb::Derived(leaf, 2)).Build();
-    RqAbstractList* shared = rqb::BreakFilter(rqb::Union({nested, rqb::Block()
-                                                                      .Select(rqb::Col(L"a", 3))
-                                                                      .From(rqb::Table(VoidID(3, 2), 3))
-                                                                      .Build()},
-                                                         true),
-                                              {0});
+    RqAbstractList* shared = rqb::BreakFilter(
+        rqb::Union(
+            {nested,
+             rqb::Block().Select(rqb::Col(L"a", 3)).From(rqb::Table(VoidID(3, 2), 3)).Build()},
+            true),
+        {0});
     rqb::Block top;
     top.Select(rqb::Ref(*shared, 0))
         .Join(SqlTableRef::kLeftOuterJoin, rqb::Derived(shared, 4), rqb::Table(VoidID(3, 3), 5),
@@ -58,12 +58,20 @@ TEST(NodeVisitorDefaults, FamiliesCatchTheKindsWithoutAnOverload) {
     TableAndListNotes visitor;
     request->Accept(visitor);
     const Seen expected = {
-        {"RqHandleNode", "node"},     {"RqList", "list"},        {"RqUnion", "list"},
-        {"RqBreakFilter", "list"},    {"RqAtomicTable", "table"}, {"RqDerivedTable", "derived"},
-        {"RqProjection", "node"},     {"RqDerivedColumn", "node"}, {"RqJoinSpec", "node"},
-        {"RqJoinNode", "node"},       {"RqTableReference", "node"},
+        {"RqHandleNode", "node"},
+        {"RqList", "list"},
+        {"RqUnion", "list"},
+        {"RqBreakFilter", "list"},
+        {"RqAtomicTable", "table"},
+        {"RqDerivedTable", "derived"},
+        {"RqProjection", "node"},
+        {"RqDerivedColumn", "node"},
+        {"RqJoinSpec", "node"},
+        {"RqJoinNode", "node"},
+        {"RqTableReference", "node"},
         // Expressions reach a node visitor as RqExpr, whatever their kind.
-        {"RqTargetColumn", "node"},   {"RqDerivedColumnReference", "node"},
+        {"RqTargetColumn", "node"},
+        {"RqDerivedColumnReference", "node"},
     };
     EXPECT_EQ(visitor.m_seen, expected);
 }
@@ -94,18 +102,22 @@ public:
 };
 
 TEST(ExprVisitorDefaults, FamiliesCatchTheKindsWithoutAnOverload) {
-    Heap<RqExpr> expr(rqb::And(
-        rqb::Or(rqb::Gt(rqb::Sum(rqb::Col(L"inside_sum", 1)), rqb::Int(0)),
-                rqb::Like(rqb::Col(L"name", 1), rqb::Str(L"A%"))),
-        rqb::Eq(rqb::Aggr<RqExprAggrReportSum>(rqb::Col(L"inside_report", 1)),
-                rqb::Aggr<RqExprAggrRank>(rqb::Col(L"inside_rank", 1)))));
+    Heap<RqExpr> expr(
+        rqb::And(rqb::Or(rqb::Gt(rqb::Sum(rqb::Col(L"inside_sum", 1)), rqb::Int(0)),
+                         rqb::Like(rqb::Col(L"name", 1), rqb::Str(L"A%"))),
+                 rqb::Eq(rqb::Aggr<RqExprAggrReportSum>(rqb::Col(L"inside_report", 1)),
+                         rqb::Aggr<RqExprAggrRank>(rqb::Col(L"inside_rank", 1)))));
     AggrAndCondNotes visitor;
     expr->Accept(visitor);
     const Seen expected = {
-        {"RqExprCondAnd", "condition"},      {"RqExprCondOr", "condition"},
-        {"RqExprCondGreater", "condition"},  {"RqExprCondEquality", "condition"},
-        {"RqExprCondLike", "like"},          {"RqExprAggrSum", "aggregate"},
-        {"RqExprAggrReportSum", "aggregate"}, {"RqExprAggrRank", "aggregate"},
+        {"RqExprCondAnd", "condition"},
+        {"RqExprCondOr", "condition"},
+        {"RqExprCondGreater", "condition"},
+        {"RqExprCondEquality", "condition"},
+        {"RqExprCondLike", "like"},
+        {"RqExprAggrSum", "aggregate"},
+        {"RqExprAggrReportSum", "aggregate"},
+        {"RqExprAggrRank", "aggregate"},
         {"RqExprIntegerLiteral", "expression"},
         // The operands of the aggregates and of the LIKE are never reached.
     };
