@@ -9,7 +9,6 @@
 #include <functional>
 #include <map>
 #include <thread>
-#include <unordered_map>
 
 #include "Platform/CompatFlags.h"
 #include "Platform/ErrorMessage.h"
@@ -108,23 +107,20 @@ TEST_F(CompatFlagTest, ReadingUnknownFlagOrWrongKindIsAProgrammingError) {
 }
 
 TEST(FeaturesTest, NamesRoundTripAndSupportComesFromTheDatabase) {
-    for (int i = 0; i < SUFeaturesTable::kFeatureCount; ++i) {
-        const auto f = static_cast<SUFeaturesTable::FeatureId>(i);
-        SUFeaturesTable::FeatureId back = SUFeaturesTable::kFeatureCount;
-        ASSERT_TRUE(SUFeaturesTable::FromName(SUFeaturesTable::Name(f), back));
-        EXPECT_EQ(back, f);
+    using F = SUFeaturesTable;
+    for (int i = 0; i < F::kFeatureCount; ++i) {
+        F::FeatureId back = F::kFeatureCount;
+        EXPECT_TRUE(F::FromName(F::Name(F::FeatureId(i)), back) && back == F::FeatureId(i)) << i;
     }
-    SUFeaturesTable::FeatureId f = SUFeaturesTable::kFeatureCount;
-    EXPECT_TRUE(SUFeaturesTable::FromName(L"order_by", f));
-    EXPECT_EQ(f, SUFeaturesTable::kFeature_OrderBy);
-    EXPECT_FALSE(SUFeaturesTable::FromName(L"ORDER BY", f));
+    F::FeatureId f = F::kFeatureCount;
+    EXPECT_TRUE(F::FromName(L"order_by", f) && f == F::kFeature_OrderBy);
+    EXPECT_FALSE(F::FromName(L"ORDER BY", f));
 
     auto repo = std::make_shared<RpRepository>();
-    const RefADatabase db = repo->AddDatabase(L"D", ServerInfo::kRowStoreDatabase,
-                                              {SUFeaturesTable::kFeature_WithClause});
+    const RefADatabase db =
+        repo->AddDatabase(L"D", ServerInfo::kRowStoreDatabase, {F::kFeature_WithClause});
     const RefADatabase cube = repo->AddDatabase(L"C", ServerInfo::kCubeMdxServer);
     RpSession session(repo);
-    using F = SUFeaturesTable;
     EXPECT_TRUE(FeaturesMgr::IsSupportedFeature(db, F::kFeature_WithClause, &session));
     EXPECT_FALSE(FeaturesMgr::IsSupportedFeature(db, F::kFeature_OrderBy, &session));
     EXPECT_FALSE(FeaturesMgr::IsSupportedFeature(cube, F::kFeature_OrderBy, &session));
@@ -132,37 +128,30 @@ TEST(FeaturesTest, NamesRoundTripAndSupportComesFromTheDatabase) {
 }
 
 TEST(ServerInfoTest, ClassificationAndNamesOfTargetTypes) {
-    std::vector<int> mdx;
     for (int v = 0; v < 100; ++v) {
         const auto type = static_cast<ServerInfo::TargetType>(v);
-        if (ServerInfo::IsTargetTypeMDXBased(type))
-            mdx.push_back(v);
         EXPECT_EQ(ServerInfo::IsPureStorageServerType(type), v == 9);
         EXPECT_EQ(ServerInfo::IsRemoteTargetType(type), v != 0 && v != 1);
-        if (const wchar_t* name = ServerInfo::TargetTypeName(type)) {
-            ServerInfo::TargetType back = ServerInfo::kUnknown;
-            ASSERT_TRUE(ServerInfo::TargetTypeFromName(name, back)) << v;
-            EXPECT_EQ(back, type);
-            ASSERT_TRUE(ServerInfo::TargetTypeFromName(std::to_wstring(v), back));
-            EXPECT_EQ(back, type);
-        }
+        // A type reads back from its name and from its number; a number without a type
+        // does not read.
+        ServerInfo::TargetType back = ServerInfo::kUnknown;
+        const wchar_t* name = ServerInfo::TargetTypeName(type);
+        EXPECT_EQ(ServerInfo::TargetTypeFromName(std::to_wstring(v), back), name != nullptr) << v;
+        EXPECT_TRUE(name == nullptr || (ServerInfo::TargetTypeFromName(name, back) && back == type))
+            << v;
     }
-    EXPECT_EQ(mdx, (std::vector<int>{33, 34, 41, 58, 60, 77}));
+    EXPECT_TRUE(ServerInfo::IsTargetTypeMDXBased(ServerInfo::kCubeXmlaServerNext));
+    EXPECT_FALSE(ServerInfo::IsTargetTypeMDXBased(ServerInfo::kColumnarAppliance));
     ServerInfo::TargetType t = ServerInfo::kUnknown;
     EXPECT_TRUE(ServerInfo::TargetTypeFromName(L"RawStore", t));
     EXPECT_EQ(t, ServerInfo::kInternalRawDataStorage);
-    EXPECT_FALSE(ServerInfo::TargetTypeFromName(L"8", t));  // a value without a type
-    EXPECT_FALSE(ServerInfo::TargetTypeFromName(L"nosuch", t));
 }
 
-TEST(StringUtilTest, IntegerAndBooleanParsing) {
+TEST(StringUtilTest, IntegersBooleansUtf8AndTheEnvironment) {
     long long v = 0;
-    EXPECT_TRUE(BaseStringUtil::IntFrom(L" +42\t", v));
-    EXPECT_EQ(v, 42);
-    EXPECT_TRUE(BaseStringUtil::IntFrom(L"9223372036854775807", v));
-    EXPECT_EQ(v, LLONG_MAX);
-    EXPECT_TRUE(BaseStringUtil::IntFrom(L"-9223372036854775808", v));
-    EXPECT_EQ(v, LLONG_MIN);
+    EXPECT_TRUE(BaseStringUtil::IntFrom(L" +42\t", v) && v == 42);
+    EXPECT_TRUE(BaseStringUtil::IntFrom(L"9223372036854775807", v) && v == LLONG_MAX);
+    EXPECT_TRUE(BaseStringUtil::IntFrom(L"-9223372036854775808", v) && v == LLONG_MIN);
     for (const wchar_t* bad : {L"", L"-", L"+", L"1 2", L"0x10", L"9223372036854775808",
                                L"-9223372036854775809", L"1.0"})
         EXPECT_FALSE(BaseStringUtil::IsInteger(bad)) << ZKString(bad).ToUtf8();
@@ -170,53 +159,38 @@ TEST(StringUtilTest, IntegerAndBooleanParsing) {
     EXPECT_TRUE(BaseStringUtil::BooleanFrom(L" YES ", b) && b);
     EXPECT_TRUE(BaseStringUtil::BooleanFrom(L"Off", b) && !b);
     EXPECT_FALSE(BaseStringUtil::BooleanFrom(L"2", b));
-
-    EXPECT_EQ(PropertyValue(ZKString(L"-8")).GetInteger(), -8);
     EXPECT_EQ(ErrorNumberOf([] { PropertyValue(ZKString(L"x1")).GetInteger(); }),
               static_cast<unsigned long>(kErr_PropertyNotInteger));
-}
 
-TEST(ZKStringTest, Utf8RoundTripAndRecoveryFromBadBytes) {
     const ZKString text(L"a\u00e9\u20ac\U0001F600z");
-    const std::string utf8 = text.ToUtf8();
-    EXPECT_EQ(utf8, "a\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80z");
-    EXPECT_EQ(ZKString::FromUtf8(utf8), text);
+    EXPECT_EQ(text.ToUtf8(), "a\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80z");
+    EXPECT_EQ(ZKString::FromUtf8(text.ToUtf8()), text);
     // A stray continuation byte, a truncated sequence, an overlong encoding and an encoded
     // surrogate each become one replacement character; the text around them survives.
-    EXPECT_EQ(ZKString::FromUtf8("x\x80y"), ZKString(L"x\uFFFDy"));
-    EXPECT_EQ(ZKString::FromUtf8("x\xe2\x82y"), ZKString(L"x\uFFFDy"));
-    EXPECT_EQ(ZKString::FromUtf8("x\xc0\xafy"), ZKString(L"x\uFFFDy"));
-    EXPECT_EQ(ZKString::FromUtf8("x\xed\xa0\x80y"), ZKString(L"x\uFFFDy"));
+    for (const char* bad : {"x\x80y", "x\xe2\x82y", "x\xc0\xafy", "x\xed\xa0\x80y"})
+        EXPECT_EQ(ZKString::FromUtf8(bad), ZKString(L"x\uFFFDy")) << bad;
     EXPECT_EQ(ZKString::FromUtf8("x\xf0\x9f"), ZKString(L"x\uFFFD"));
-    EXPECT_EQ(ZKString::FromInt(LLONG_MIN), ZKString(L"-9223372036854775808"));
-    std::unordered_map<ZKString, int> hashed{{ZKString(std::wstring_view(L"k")), 1}};
-    EXPECT_EQ(hashed.count(L"k"), 1u);
-}
 
-TEST(SystemUtilityTest, ProcessorsAndEnvironment) {
-    EXPECT_GE(SystemUtility::GetNumberOfProcessors(), 1u);
     ASSERT_EQ(setenv("RQ_PLATFORM_TEST_VAR", "caf\xc3\xa9", 1), 0);
     ZKString value;
-    ASSERT_TRUE(SystemUtility::Getenv(L"RQ_PLATFORM_TEST_VAR", value));
+    EXPECT_TRUE(SystemUtility::Getenv(L"RQ_PLATFORM_TEST_VAR", value));
     EXPECT_EQ(value, ZKString(L"caf\u00e9"));
     unsetenv("RQ_PLATFORM_TEST_VAR");
     EXPECT_FALSE(SystemUtility::Getenv("RQ_PLATFORM_TEST_VAR", value));
 }
 
-// A session switches the diagnostics on through the properties the variables name, and a
-// server that renames a property moves the switch while other threads read the name.
+// A session switches the diagnostics on through the properties the variables name (the
+// cache one is a string property read as a level), and a server that renames a property
+// moves the switch while other threads read the name.
 TEST(GlobalRpVariablesTest, TheDiagnosticsVariablesNameSessionProperties) {
     GlobalPropertyName& aggr = GlobalRpVariables::global_External_zK_EnableAggrDiagnostics;
     GlobalPropertyName& cache = GlobalRpVariables::global_External_zK_EnableCacheDiagnostics;
     RpSession session(std::make_shared<RpRepository>());
     session.SetIntegerSessionProperty(aggr.Get(), 3);
     session.SetStringSessionProperty(cache.Get(), L"2");
-    long long level = 0;
-    ZKString text;
-    ASSERT_TRUE(session.GetIntegerSessionProperty(aggr.Get(), level));
-    EXPECT_EQ(level, 3);
-    ASSERT_TRUE(session.GetStringSessionProperty(cache.Get(), text));
-    EXPECT_EQ(text, ZKString(L"2"));
+    long long aggrLevel = 0, cacheLevel = 0;
+    EXPECT_TRUE(session.GetIntegerSessionProperty(aggr.Get(), aggrLevel) && aggrLevel == 3);
+    EXPECT_TRUE(session.GetIntegerSessionProperty(cache.Get(), cacheLevel) && cacheLevel == 2);
 
     const ZKString original = aggr.Get();
     std::atomic<bool> done{false};
@@ -231,6 +205,6 @@ TEST(GlobalRpVariablesTest, TheDiagnosticsVariablesNameSessionProperties) {
     done = true;
     reader.join();
     aggr.Set(L"SESSION_AGGR_LEVEL");
-    EXPECT_FALSE(session.GetIntegerSessionProperty(aggr.Get(), level));
+    EXPECT_FALSE(session.GetIntegerSessionProperty(aggr.Get(), aggrLevel));
     aggr.Set(original);
 }

@@ -28,12 +28,6 @@ Result RunTool(const std::vector<std::string>& args, const std::string& input = 
     return {status, out.str(), err.str()};
 }
 
-bool IsUsable(const std::vector<std::string>& args) {
-    RqoptOptions options;
-    std::string error;
-    return ParseRqoptArgs(args, options, error);
-}
-
 std::vector<std::string> Resolved(const std::vector<std::string>& args, size_t* pUncut = nullptr) {
     RqoptOptions options;
     std::string error;
@@ -68,29 +62,6 @@ TEST(RqoptCommandLine, OptionsTakeValuesInEitherForm) {
     ASSERT_TRUE(ParseRqoptArgs({"--", "--diff"}, options = RqoptOptions(), error));
     EXPECT_EQ(options.m_input, "--diff");
     EXPECT_FALSE(options.m_bDiff);
-}
-
-TEST(RqoptCommandLine, TheDataOfTheCheckIsChosenByNumbersInRange) {
-    RqoptOptions options;
-    std::string error;
-    ASSERT_TRUE(ParseRqoptArgs(
-        {"--check-sql", "--seed=18446744073709551615", "--rows", "1000000", "x"}, options, error))
-        << error;
-    EXPECT_EQ(options.m_seed, UINT64_MAX);
-    EXPECT_EQ(options.m_rows, kRqoptMaxRows);
-    ASSERT_TRUE(ParseRqoptArgs({"--check-sql-each", "--seed", "0", "--rows=1", "x"},
-                               options = RqoptOptions(), error));
-    EXPECT_EQ(options.m_seed, 0u);
-    EXPECT_EQ(options.m_rows, 1u);
-    for (const std::vector<std::string>& args : {std::vector<std::string>{"--seed", "-1"},
-                                                 {"--seed", "18446744073709551616"},
-                                                 {"--seed="},
-                                                 {"--rows", "1000001"},
-                                                 {"--rows", "1e3"}}) {
-        std::vector<std::string> line = args;
-        line.insert(line.end(), {"--check-sql", "x"});
-        EXPECT_FALSE(IsUsable(line)) << testing::PrintToString(args);
-    }
 }
 
 TEST(RqoptCommandLine, TheSequenceIsSelectedThenDisabledThenCut) {

@@ -18,6 +18,14 @@ void Note(Seen& seen, const RqNode& node, const char* handler) {
     seen[RqNodeTypeName(node.GetObjectType())] = handler;
 }
 
+// "Class=handler ..." in class order.
+std::string Describe(const Seen& seen) {
+    std::string text;
+    for (const auto& [cls, handler] : seen)
+        text += (text.empty() ? "" : " ") + cls + "=" + handler;
+    return text;
+}
+
 // Handles one table kind itself, every other table and every list by family, and the rest
 // of the nodes through the root hook.
 class TableAndListNotes : public RqNodeVisitorDefaults<AVisitorRqNode> {
@@ -57,23 +65,12 @@ TEST(NodeVisitorDefaults, FamiliesCatchTheKindsWithoutAnOverload) {
 
     TableAndListNotes visitor;
     request->Accept(visitor);
-    const Seen expected = {
-        {"RqHandleNode", "node"},
-        {"RqList", "list"},
-        {"RqUnion", "list"},
-        {"RqBreakFilter", "list"},
-        {"RqAtomicTable", "table"},
-        {"RqDerivedTable", "derived"},
-        {"RqProjection", "node"},
-        {"RqDerivedColumn", "node"},
-        {"RqJoinSpec", "node"},
-        {"RqJoinNode", "node"},
-        {"RqTableReference", "node"},
-        // Expressions reach a node visitor as RqExpr, whatever their kind.
-        {"RqTargetColumn", "node"},
-        {"RqDerivedColumnReference", "node"},
-    };
-    EXPECT_EQ(visitor.m_seen, expected);
+    // Expressions reach a node visitor as RqExpr, whatever their kind.
+    EXPECT_EQ(Describe(visitor.m_seen),
+              "RqAtomicTable=table RqBreakFilter=list RqDerivedColumn=node "
+              "RqDerivedColumnReference=node RqDerivedTable=derived RqHandleNode=node "
+              "RqJoinNode=node RqJoinSpec=node RqList=list RqProjection=node "
+              "RqTableReference=node RqTargetColumn=node RqUnion=list");
 }
 
 // Collects aggregates without looking inside them, conditions, and other expressions.
@@ -109,19 +106,11 @@ TEST(ExprVisitorDefaults, FamiliesCatchTheKindsWithoutAnOverload) {
                          rqb::Aggr<RqExprAggrRank>(rqb::Col(L"inside_rank", 1)))));
     AggrAndCondNotes visitor;
     expr->Accept(visitor);
-    const Seen expected = {
-        {"RqExprCondAnd", "condition"},
-        {"RqExprCondOr", "condition"},
-        {"RqExprCondGreater", "condition"},
-        {"RqExprCondEquality", "condition"},
-        {"RqExprCondLike", "like"},
-        {"RqExprAggrSum", "aggregate"},
-        {"RqExprAggrReportSum", "aggregate"},
-        {"RqExprAggrRank", "aggregate"},
-        {"RqExprIntegerLiteral", "expression"},
-        // The operands of the aggregates and of the LIKE are never reached.
-    };
-    EXPECT_EQ(visitor.m_seen, expected);
+    // The operands of the aggregates and of the LIKE are never reached.
+    EXPECT_EQ(Describe(visitor.m_seen),
+              "RqExprAggrRank=aggregate RqExprAggrReportSum=aggregate RqExprAggrSum=aggregate "
+              "RqExprCondAnd=condition RqExprCondEquality=condition RqExprCondGreater=condition "
+              "RqExprCondLike=like RqExprCondOr=condition RqExprIntegerLiteral=expression");
 }
 
 // Without any override, every node answers false and the walk reaches every node.
