@@ -66,19 +66,16 @@ TEST(GoldenFile, MalformedFilesNameTheLine) {
 
 TEST(GoldenFile, UpdatingKeepsThePreambleAndInput) {
     GoldenCase golden = ParseGoldenFile(kCase, "case.test");
+    // The file that was read is written back unchanged.
+    EXPECT_EQ(WriteGoldenFile(golden), kCase);
     golden.m_stdout = "";
     golden.m_stderr = "rqopt: failed";  // no final newline: the writer ends the line
     golden.m_exit = 2;
     const std::string text = WriteGoldenFile(golden);
     EXPECT_EQ(text.rfind(golden.m_preamble + "=== input\nrequest {\n}\n", 0), 0u) << text;
     const GoldenCase again = ParseGoldenFile(text, "case.test");
-    EXPECT_EQ(again.m_preamble, golden.m_preamble);
-    EXPECT_EQ(again.m_input, golden.m_input);
-    EXPECT_EQ(again.m_stdout, "");
     EXPECT_EQ(again.m_stderr, "rqopt: failed\n");
     EXPECT_EQ(again.m_exit, 2);
-    // The file that was read is written back unchanged.
-    EXPECT_EQ(WriteGoldenFile(ParseGoldenFile(kCase, "case.test")), kCase);
 }
 
 }  // namespace

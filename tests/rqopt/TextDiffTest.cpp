@@ -11,13 +11,6 @@
 
 namespace {
 
-std::string Lines(std::initializer_list<const char*> lines) {
-    std::string text;
-    for (const char* line : lines)
-        text += std::string(line) + "\n";
-    return text;
-}
-
 std::string Numbered(int count, int changed = -1, int changed2 = -1) {
     std::string text;
     for (int i = 1; i <= count; ++i)
@@ -35,45 +28,33 @@ int Lcs(const std::vector<std::string>& a, const std::vector<std::string>& b) {
     return t[a.size()][b.size()];
 }
 
-// Applies a unified diff to `before` as patch does, trusting only the hunk headers for
-// positions and checking every context and removed line against the old text.
+// Applies a unified diff to `before` as patch does, trusting only the old start of each hunk
+// header for positions and checking every context and removed line against the old text.
 std::string Patch(const std::vector<std::string>& before, const std::string& diff) {
-    std::vector<std::string> out;
+    std::string out;
     size_t next = 0;  // first old line not yet copied
     std::istringstream in(diff);
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.rfind("---", 0) == 0 || line.rfind("+++", 0) == 0)
-            continue;
+    for (std::string line; std::getline(in, line);) {
         if (line.rfind("@@ -", 0) == 0) {
-            size_t start = std::stoul(line.substr(4));
-            const size_t comma = line.find(',');
-            const bool bEmpty = comma != std::string::npos && comma < line.find(' ', 4) &&
-                                std::stoul(line.substr(comma + 1)) == 0;
-            // An empty old range names the line before the hunk.
-            const size_t first = bEmpty ? start : start - 1;
+            // An empty old range ("-N,0") names the line before the hunk.
+            const std::string range = line.substr(4, line.find(' ', 4) - 4);
+            const size_t start = std::stoul(range);
+            const size_t first = range.ends_with(",0") ? start : start - 1;
             EXPECT_GE(first, next) << line;
             while (next < first)
-                out.push_back(before[next++]);
-            continue;
-        }
-        const std::string text = line.substr(1);
-        if (line[0] == '+') {
-            out.push_back(text);
-        } else {
-            EXPECT_LT(next, before.size());
-            EXPECT_EQ(next < before.size() ? before[next] : "", text) << line;
-            ++next;
+                out += before[next++] + "\n";
+        } else if (line[0] == '+' && line.rfind("+++", 0) != 0) {
+            out += line.substr(1) + "\n";
+        } else if ((line[0] == ' ' || line[0] == '-') && line.rfind("---", 0) != 0) {
+            EXPECT_EQ(next < before.size() ? before[next] : "<end>", line.substr(1)) << line;
             if (line[0] == ' ')
-                out.push_back(text);
+                out += line.substr(1) + "\n";
+            ++next;
         }
     }
     while (next < before.size())
-        out.push_back(before[next++]);
-    std::string text;
-    for (const std::string& l : out)
-        text += l + "\n";
-    return text;
+        out += before[next++] + "\n";
+    return out;
 }
 
 TEST(TextDiff, HunksOfTheUnifiedFormat) {
@@ -94,8 +75,7 @@ TEST(TextDiff, HunksOfTheUnifiedFormat) {
         {"a\n", "", 3, "@@ -1 +0,0 @@\n-a\n"},
         {"a\nb\n", "a\nn\nb\n", 0, "@@ -1,0 +2 @@\n+n\n"},
         // A replaced stretch lists its old lines first.
-        {Lines({"k", "a", "b", "k"}), Lines({"k", "c", "d", "k"}), 3,
-         "@@ -1,4 +1,4 @@\n k\n-a\n-b\n+c\n+d\n k\n"},
+        {"k\na\nb\nk\n", "k\nc\nd\nk\n", 3, "@@ -1,4 +1,4 @@\n k\n-a\n-b\n+c\n+d\n k\n"},
         // The last line counts without its newline.
         {"a\nb", "a\nc", 3, "@@ -1,2 +1,2 @@\n a\n-b\n+c\n"},
     };
