@@ -14,13 +14,6 @@
 
 namespace {
 
-ZKAllocSite& SiteOfThisLine(int which) {
-    // Two uses of ZK_HERE on different lines; each must keep its own site.
-    if (which == 0)
-        return ZK_HERE;
-    return ZK_HERE;
-}
-
 class GatewayObject : public MemAllocNewdel {
 public:
     explicit GatewayObject(bool bFail) : m_payload{} {
@@ -61,19 +54,6 @@ TEST(ZKNodeAllocTest, BlocksAreCountedPerSiteAndListedByTheSitesHoldingThem) {
         ZKNodeAlloc::deallocate(p, size);
     ZKNodeAlloc::deallocate(nullptr, 0);
     EXPECT_EQ(ZKNodeAlloc::LiveCount(), liveBefore);
-}
-
-TEST(ZKNodeAllocTest, SiteIsFoundByContentAndHereIsPerLine) {
-    // A file name built at run time, at another address each time, still finds one site.
-    const std::string a = std::string("node_alloc_test_") + "registry.cpp";
-    const std::string b = std::string("node_alloc_test_registry") + ".cpp";
-    ZKAllocSite& first = ZKNodeAlloc::Site(a.c_str(), 5);
-    EXPECT_EQ(&ZKNodeAlloc::Site(b.c_str(), 5), &first);
-    EXPECT_NE(&ZKNodeAlloc::Site(a.c_str(), 6), &first);
-
-    EXPECT_EQ(&SiteOfThisLine(0), &SiteOfThisLine(0));
-    EXPECT_NE(&SiteOfThisLine(0), &SiteOfThisLine(1));
-    EXPECT_EQ(&SiteOfThisLine(0), &ZKNodeAlloc::Site(__FILE__, SiteOfThisLine(0).m_line));
 }
 
 TEST(ZKNodeAllocTest, ConcurrentThreadsKeepExactCounts) {

@@ -77,22 +77,19 @@ TEST(RewriteRuleDriver, PassesResetsAndTheWalk) {
     }
 }
 
-TEST(RewriteRuleDriver, CancelledJobRunsNoPass) {
+TEST(RewriteRuleDriver, CancellationStopsBeforeAPass) {
     Heap<RqHandleNode> request = SmallRequest();
     auto job = std::make_shared<ZKJob>();
+    ZKThreadJobMgr::ScopedJob scope(job);
+    // Cancelled before the rule is applied: no Reset, no visit.
     job->Cancel();
-    ZKThreadJobMgr::ScopedJob scope(job);
-    RecordingRule rule(5);
-    EXPECT_THROW(rule.ApplyRule(*request), JobCancelledException);
-    EXPECT_EQ(rule.m_log, "");
-}
-
-TEST(RewriteRuleDriver, CancellationStopsBetweenPasses) {
-    // The rule cancels its own job during its second pass: the pass finishes (the walk has
-    // no cancellation point), the next pass never starts, and the exception leaves.
-    Heap<RqHandleNode> request = SmallRequest();
-    auto job = std::make_shared<ZKJob>();
-    ZKThreadJobMgr::ScopedJob scope(job);
+    RecordingRule early(5);
+    EXPECT_THROW(early.ApplyRule(*request), JobCancelledException);
+    EXPECT_EQ(early.m_log, "");
+    // Cancelled during the second pass: the pass finishes (the walk has no cancellation
+    // point) and the third never starts.
+    job = std::make_shared<ZKJob>();
+    ZKThreadJobMgr::ScopedJob fresh(job);
     RecordingRule rule(10);
     rule.m_onList = [&](RqList&) {
         if (rule.m_passes == 2)

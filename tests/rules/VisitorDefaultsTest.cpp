@@ -14,8 +14,10 @@ namespace {
 
 using Seen = std::map<std::string, std::string>;  // node class -> what handled it
 
-void Note(Seen& seen, const RqNode& node, const char* handler) {
+// Records which handler saw the node's class; false lets the walk go on.
+bool Note(Seen& seen, const RqNode& node, const char* handler) {
     seen[RqNodeTypeName(node.GetObjectType())] = handler;
+    return false;
 }
 
 // "Class=handler ..." in class order.
@@ -32,18 +34,12 @@ class TableAndListNotes : public RqNodeVisitorDefaults<AVisitorRqNode> {
 public:
     RQ_VISIT_DEFAULTS(RqNodeVisitorDefaults<AVisitorRqNode>);
 
-    bool Visit(RqDerivedTable& node) override { return Handled(node, "derived"); }
-    bool VisitAny(RqAbstractTable& node) override { return Handled(node, "table"); }
-    bool VisitAny(RqAbstractList& node) override { return Handled(node, "list"); }
-    bool VisitAny(RqNode& node) override { return Handled(node, "node"); }
+    bool Visit(RqDerivedTable& node) override { return Note(m_seen, node, "derived"); }
+    bool VisitAny(RqAbstractTable& node) override { return Note(m_seen, node, "table"); }
+    bool VisitAny(RqAbstractList& node) override { return Note(m_seen, node, "list"); }
+    bool VisitAny(RqNode& node) override { return Note(m_seen, node, "node"); }
 
     Seen m_seen;
-
-private:
-    bool Handled(RqNode& node, const char* handler) {
-        Note(m_seen, node, handler);
-        return false;
-    }
 };
 
 TEST(NodeVisitorDefaults, FamiliesCatchTheKindsWithoutAnOverload) {
@@ -65,27 +61,16 @@ TEST(NodeVisitorDefaults, FamiliesCatchTheKindsWithoutAnOverload) {
               "RqTableReference=node RqTargetColumn=node RqUnion=list");
 }
 
-// Collects aggregates without looking inside them, conditions, and other expressions.
+// Collects aggregates and LIKEs without looking inside them, conditions, and other
+// expressions.
 class AggrAndCondNotes : public RqExprVisitorDefaults<> {
 public:
     RQ_VISIT_DEFAULTS(RqExprVisitorDefaults<>);
 
-    bool Visit(RqExprCondLike& expr) override {
-        Note(m_seen, expr, "like");
-        return true;
-    }
-    bool VisitAny(RqExprAggr& expr) override {
-        Note(m_seen, expr, "aggregate");
-        return true;
-    }
-    bool VisitAny(RqExprCond& expr) override {
-        Note(m_seen, expr, "condition");
-        return false;
-    }
-    bool VisitAny(RqExpr& expr) override {
-        Note(m_seen, expr, "expression");
-        return false;
-    }
+    bool Visit(RqExprCondLike& expr) override { return !Note(m_seen, expr, "like"); }
+    bool VisitAny(RqExprAggr& expr) override { return !Note(m_seen, expr, "aggregate"); }
+    bool VisitAny(RqExprCond& expr) override { return Note(m_seen, expr, "condition"); }
+    bool VisitAny(RqExpr& expr) override { return Note(m_seen, expr, "expression"); }
 
     Seen m_seen;
 };
