@@ -53,17 +53,15 @@ struct RqUnmetFamily {
 
 // The hook parameter of family F in a node visitor, and in an expression visitor.
 template <class F>
-using RqNodeFamilyParam =
-    std::conditional_t<std::is_base_of_v<RqExpr, F>, RqUnmetFamily<F>, F>;
+using RqNodeFamilyParam = std::conditional_t<std::is_base_of_v<RqExpr, F>, RqUnmetFamily<F>, F>;
 template <class F>
-using RqExprFamilyParam =
-    std::conditional_t<std::is_base_of_v<RqExpr, F>, F, RqUnmetFamily<F>>;
+using RqExprFamilyParam = std::conditional_t<std::is_base_of_v<RqExpr, F>, F, RqUnmetFamily<F>>;
 
 // Both expansions below declare one family hook per abstract class of the kind table, in the
 // shape RQ_FAMILY_HOOK_A(cls, Param) gives, and nothing for the other rows.
-#define RQ_FAMILY_HOOK_A(cls, Param)                 \
-    virtual bool VisitAny(Param<cls>& node) {        \
-        return VisitParentFamily<cls>(node);         \
+#define RQ_FAMILY_HOOK_A(cls, Param)          \
+    virtual bool VisitAny(Param<cls>& node) { \
+        return VisitParentFamily<cls>(node);  \
     }
 #define RQ_FAMILY_HOOK_G(cls, Param)
 #define RQ_FAMILY_HOOK_H(cls, Param)
@@ -71,9 +69,9 @@ using RqExprFamilyParam =
 
 // The slots that have a default in these templates: abstract ones and those whose default
 // answers false. L (logic error) and N (no slot) rows get nothing.
-#define RQ_DEFAULT_SLOT_A(cls)          \
-    bool Visit(cls& node) override {    \
-        return VisitAny(node);          \
+#define RQ_DEFAULT_SLOT_A(cls)       \
+    bool Visit(cls& node) override { \
+        return VisitAny(node);       \
     }
 #define RQ_DEFAULT_SLOT_F(cls) RQ_DEFAULT_SLOT_A(cls)
 #define RQ_DEFAULT_SLOT_L(cls)
@@ -93,7 +91,9 @@ public:
 #undef RQ_NODE_KIND
 
     // The root family: every node that nothing nearer handles.
-    virtual bool VisitAny(RqNode&) { return false; }
+    virtual bool VisitAny(RqNode&) {
+        return false;
+    }
 #define RQ_NODE_KIND(row, kind, value, cls, base, nv, ev, decl, minOps, maxOps) \
     RQ_FAMILY_HOOK_##decl(cls, RqNodeFamilyParam)
 #include "Query/Optimizer/Request/SQORRqNodeKinds.def"

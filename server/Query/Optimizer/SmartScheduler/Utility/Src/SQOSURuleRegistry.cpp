@@ -96,9 +96,10 @@ void ParseOption(RuleSpec& spec, std::string_view text) {
         long long number = 0;
         if (!BaseStringUtil::IntFrom(value, number) || number < std::numeric_limits<int>::min() ||
             number > std::numeric_limits<int>::max())
-            Fail(what + " takes an integer from " + std::to_string(std::numeric_limits<int>::min()) +
-                 " to " + std::to_string(std::numeric_limits<int>::max()) + ", not '" +
-                 value.ToUtf8() + "'");
+            Fail(what + " takes an integer from " +
+                 std::to_string(std::numeric_limits<int>::min()) + " to " +
+                 std::to_string(std::numeric_limits<int>::max()) + ", not '" + value.ToUtf8() +
+                 "'");
         spec.SetOption(index, number);
     }
 }

@@ -60,8 +60,7 @@ struct RuleInfo {
     //         })
     template <class Options>
     static RuleInfo Make(const char* name, const char* description,
-                         std::unique_ptr<RewriteRule> (*create)(const RuleContext&,
-                                                                const Options&),
+                         std::unique_ptr<RewriteRule> (*create)(const RuleContext&, const Options&),
                          void (*apply)(RewriteRule&, RqNode&) = nullptr);
 };
 
@@ -167,9 +166,9 @@ RuleInfo RuleInfo::Make(const char* name, const char* description,
     for (size_t i = 0; i < std::size(Options::kOptions); ++i) {
         const RuleOption<Options>& option = Options::kOptions[i];
         const bool bIsBool = std::holds_alternative<bool Options::*>(option.m_member);
-        info.m_options.push_back({option.m_name, bIsBool ? RuleOptionInfo::kBool : RuleOptionInfo::kInt,
-                                  rule_options_detail::Get<Options>(info.m_defaults, i),
-                                  option.m_description});
+        info.m_options.push_back(
+            {option.m_name, bIsBool ? RuleOptionInfo::kBool : RuleOptionInfo::kInt,
+             rule_options_detail::Get<Options>(info.m_defaults, i), option.m_description});
     }
     info.m_getOption = &rule_options_detail::Get<Options>;
     info.m_setOption = &rule_options_detail::Set<Options>;
