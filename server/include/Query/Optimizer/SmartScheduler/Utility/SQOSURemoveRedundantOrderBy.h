@@ -22,7 +22,8 @@ public:
     virtual void MarkNodesToUnknownTargetAndDeleteOrderBys(RqNode* root);
 
 private:
-    ARpGateway* m_pRp;
+    // Kept as every rule keeps its gateway; the walk needs nothing from the repository.
+    [[maybe_unused]] ARpGateway* m_pRp;
     bool m_bSkippedTopMostOrderBy;
     bool m_bFoundTwoTableJoin;
 };
