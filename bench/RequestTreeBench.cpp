@@ -1,6 +1,7 @@
 // Costs of the request layer's basic operations and of RemoveRedundantOrderBy on requests of
 // growing size: a chain of blocks, each reading the one below it as a derived table and
-// carrying an ORDER BY of its own.
+// carrying an ORDER BY of its own. A bare traversal of the same chain, with and without a
+// visitor, shows how much of the rule's time is the walk itself.
 //
 // DeepCopy and Verify also run on two wide shapes of about the same node count as the chain:
 // a UNION of leaf blocks side by side, and one block with a wide projection. A cost that is
@@ -10,6 +11,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <deque>
 #include <vector>
 
 #include "Query/Optimizer/Request/SQORRqBuilder.h"
@@ -103,6 +105,55 @@ void BM_RemoveRedundantOrderBy(benchmark::State& state) {
     state.SetComplexityN(depth);
 }
 BENCHMARK(BM_RemoveRedundantOrderBy)->RangeMultiplier(2)->Range(256, 4096)->Complexity();
+
+// A node visitor that answers every node through the root family hook of the visitor
+// defaults: what the traversal itself costs, the delegation from each kind's overload to the
+// hook included.
+class NodeCounter : public RqNodeVisitorDefaults<AVisitorRqNode> {
+public:
+    RQ_VISIT_DEFAULTS(RqNodeVisitorDefaults<AVisitorRqNode>);
+    bool VisitAny(RqNode&) override {
+        ++m_count;
+        return false;
+    }
+    int64_t m_count = 0;
+};
+
+// The same tree as BM_RemoveRedundantOrderBy, walked without rewriting it: through Accept
+// with a visitor that does nothing, and breadth first through a queue as the rule walks.
+void BM_BareTraversal(benchmark::State& state, bool bQueue) {
+    const int depth = static_cast<int>(state.range(0));
+    Heap<RqHandleNode> request(NestedRequest(depth));
+    for (auto _ : state) {
+        int64_t count = 0;
+        if (bQueue) {
+            std::deque<RqNode*, ZKAllocator<RqNode*>> queue{request.Get()};
+            while (!queue.empty()) {
+                RqNode* node = queue.front();
+                queue.pop_front();
+                ++count;
+                for (int i = 0; i < node->GetNumChildren(); ++i) {
+                    if (RqNode* child = node->GetIthChild(i))
+                        queue.push_back(child);
+                }
+            }
+        } else {
+            NodeCounter counter;
+            request->Accept(counter);
+            count = counter.m_count;
+        }
+        benchmark::DoNotOptimize(count);
+    }
+    state.SetComplexityN(depth);
+}
+BENCHMARK_CAPTURE(BM_BareTraversal, accept, false)
+    ->RangeMultiplier(2)
+    ->Range(256, 4096)
+    ->Complexity();
+BENCHMARK_CAPTURE(BM_BareTraversal, queue, true)
+    ->RangeMultiplier(2)
+    ->Range(256, 4096)
+    ->Complexity();
 
 void BM_BuildAndDestroy(benchmark::State& state) {
     const int depth = static_cast<int>(state.range(0));

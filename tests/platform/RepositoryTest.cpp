@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 #include <unordered_set>
 
@@ -10,17 +11,6 @@
 #include "Platform/Repository.h"
 
 namespace {
-
-// Expects fn to raise an ErrorMessage with the given number.
-template <class Fn>
-void ExpectError(unsigned long number, Fn fn) {
-    try {
-        fn();
-        ADD_FAILURE() << "no ErrorMessage raised, expected " << number;
-    } catch (const ErrorMessage& e) {
-        EXPECT_EQ(e.GetNumber(), number) << e.what();
-    }
-}
 
 class RepositoryTest : public testing::Test {
 protected:
@@ -52,82 +42,51 @@ protected:
 
 }  // namespace
 
-TEST_F(RepositoryTest, IdentifiersAreDeterministicAndLookupsFindTheSameObjects) {
-    EXPECT_EQ(m_db->GetID(), VoidID(kRpType_Database, 1));
-    EXPECT_EQ(m_orders->GetID(), VoidID(kRpType_Table, 1));
-    EXPECT_EQ(m_customers->GetID(), VoidID(kRpType_Table, 2));
-    EXPECT_EQ(m_orderId->GetID(), VoidID(kRpType_Column, 1));
-    EXPECT_EQ(m_reportPool->GetID(), VoidID(kRpType_ConnectionPool, 2));
-
+TEST_F(RepositoryTest, LookupsFindObjectsOfTheirKindOnly) {
     const RpRepository& repo = *m_pRepo;
-    EXPECT_EQ(repo.FindDatabase(m_db->GetID()), m_db);
-    EXPECT_EQ(repo.FindTable(m_customers->GetID()), m_customers);
-    EXPECT_EQ(repo.FindColumn(m_orderLine->GetID()), m_orderLine);
-    EXPECT_EQ(repo.FindKey(m_orderKey->GetID()), m_orderKey);
-    EXPECT_EQ(repo.FindConnectionPool(m_mainPool->GetID()), m_mainPool);
-    EXPECT_EQ(repo.FindComplexJoin(m_join->GetID()), m_join);
     EXPECT_EQ(repo.FindObject(m_orders->GetID()).Get(), m_orders.Get());
     // Right number, wrong kind; out of range; null.
     EXPECT_TRUE(repo.FindTable(m_db->GetID()).IsNull());
     EXPECT_TRUE(repo.FindTable(VoidID(kRpType_Table, 3)).IsNull());
     EXPECT_TRUE(repo.FindTable(VoidID(kRpType_Table, 0)).IsNull());
     EXPECT_TRUE(repo.FindObject(VoidID::NullID).IsNull());
-
-    EXPECT_EQ(repo.FindDatabaseByName(L"Sales"), m_db);
+    // Names are exact, and a table is found by its schema too.
     EXPECT_TRUE(repo.FindDatabaseByName(L"sales").IsNull());
     EXPECT_EQ(repo.FindTableByName(m_db, L"dbo", L"Orders"), m_orders);
     EXPECT_TRUE(repo.FindTableByName(m_db, L"", L"Orders").IsNull());
-    EXPECT_EQ(repo.FindConnectionPoolByName(m_db, L"Reporting"), m_reportPool);
-}
-
-TEST_F(RepositoryTest, ObjectsExposeTheirStructureInRepositoryOrder) {
-    EXPECT_EQ(m_db->GetTargetType(), ServerInfo::kRowStoreDatabase);
-    EXPECT_TRUE(m_db->HasFeature(SUFeaturesTable::kFeature_RowNum));  // type defaults
-    ASSERT_EQ(m_db->GetTables().size(), 2u);
-    EXPECT_EQ(m_db->GetConnectionPools().front(), m_mainPool);
-    EXPECT_EQ(m_mainPool->GetDatabase(), m_db);
-
-    const std::vector<RefAColumn> columns = m_orders->GetColumns();
-    ASSERT_EQ(columns.size(), 3u);
-    EXPECT_EQ(columns[2]->GetName(), ZKString(L"Tags"));
-    EXPECT_TRUE(columns[2]->IsMultiValued());
-    EXPECT_FALSE(columns[0]->IsMultiValued());
-    EXPECT_EQ(columns[0]->GetDataType(), ZKString(L"INTEGER"));
-    EXPECT_EQ(columns[0]->GetTable(), m_orders);
-    EXPECT_EQ(m_orders->FindColumn(L"Line"), m_orderLine);
     EXPECT_TRUE(m_orders->FindColumn(L"line").IsNull());
-    EXPECT_EQ(m_orders->GetSchema(), ZKString(L"dbo"));
-    EXPECT_TRUE(m_customers->GetSchema().empty());
-
-    EXPECT_TRUE(m_orders->HasKey());
-    EXPECT_FALSE(m_customers->HasKey());
-    const std::vector<RefAColumn> keyColumns = m_orderKey->GetColumns();
-    ASSERT_EQ(keyColumns.size(), 2u);
-    EXPECT_EQ(keyColumns[0], m_orderLine);
-    EXPECT_EQ(keyColumns[1], m_orderId);
-    EXPECT_EQ(m_orderKey->GetTable(), m_orders);
+    // Keys keep their own column order.
+    EXPECT_EQ(m_orderKey->GetColumns(), (std::vector<RefAColumn>{m_orderLine, m_orderId}));
 }
 
 TEST_F(RepositoryTest, DuplicatesAndBadDefinitionsRaiseErrors) {
     RpRepository& repo = *m_pRepo;
-    ExpectError(kErr_DuplicateRepositoryName,
-                [&] { repo.AddDatabase(L"Sales", ServerInfo::kAnsiSql); });
-    ExpectError(kErr_DuplicateRepositoryName, [&] { repo.AddConnectionPool(m_db, L"Main"); });
-    ExpectError(kErr_DuplicateRepositoryName, [&] { repo.AddTable(m_db, L"dbo", L"Orders"); });
-    ExpectError(kErr_DuplicateRepositoryName, [&] { repo.AddColumn(m_orders, L"ID"); });
-    ExpectError(kErr_DuplicateRepositoryName,
-                [&] { repo.AddKey(m_orders, L"PK_Orders", {m_orderId}); });
-    ExpectError(kErr_InvalidRepositoryDefinition, [&] { repo.AddTable(m_db, L"dbo", L""); });
-    ExpectError(kErr_InvalidRepositoryDefinition, [&] { repo.AddKey(m_customers, L"K", {}); });
-    ExpectError(kErr_InvalidRepositoryDefinition,
-                [&] { repo.AddKey(m_customers, L"K", {m_orderId}); });
-    ExpectError(kErr_InvalidRepositoryDefinition, [&] {
-        repo.AddKey(m_orders, L"K", {m_orderId, m_orderId});
-    });
-    // The join exists already; the reverse order is the same pair of tables.
-    ExpectError(kErr_InvalidRepositoryDefinition,
-                [&] { repo.AddComplexJoin(m_customers, m_orders, k_One_To_Many); });
-
+    const std::pair<unsigned long, std::function<void()>> refusals[] = {
+        {kErr_DuplicateRepositoryName, [&] { repo.AddDatabase(L"Sales", ServerInfo::kAnsiSql); }},
+        {kErr_DuplicateRepositoryName, [&] { repo.AddConnectionPool(m_db, L"Main"); }},
+        {kErr_DuplicateRepositoryName, [&] { repo.AddTable(m_db, L"dbo", L"Orders"); }},
+        {kErr_DuplicateRepositoryName, [&] { repo.AddColumn(m_orders, L"ID"); }},
+        {kErr_DuplicateRepositoryName, [&] { repo.AddKey(m_orders, L"PK_Orders", {m_orderId}); }},
+        {kErr_InvalidRepositoryDefinition, [&] { repo.AddTable(m_db, L"dbo", L""); }},
+        {kErr_InvalidRepositoryDefinition, [&] { repo.AddKey(m_customers, L"K", {}); }},
+        {kErr_InvalidRepositoryDefinition, [&] { repo.AddKey(m_customers, L"K", {m_orderId}); }},
+        {kErr_InvalidRepositoryDefinition,
+         [&] {
+             repo.AddKey(m_orders, L"K", {m_orderId, m_orderId});
+         }},
+        // The join exists already; the reverse order is the same pair of tables.
+        {kErr_InvalidRepositoryDefinition,
+         [&] { repo.AddComplexJoin(m_customers, m_orders, k_One_To_Many); }},
+    };
+    for (const auto& [number, refused] : refusals) {
+        try {
+            refused();
+            ADD_FAILURE() << "no ErrorMessage raised, expected " << number;
+        } catch (const ErrorMessage& e) {
+            EXPECT_EQ(e.GetNumber(), number) << e.what();
+        }
+    }
+    ErrorMessage::ClearLastPrethrown();
     // The same names are fine in another scope, and failed additions left nothing behind.
     EXPECT_NO_THROW(repo.AddTable(m_db, L"other", L"Orders"));
     EXPECT_NO_THROW(repo.AddColumn(m_customers, L"Line"));
@@ -136,57 +95,27 @@ TEST_F(RepositoryTest, DuplicatesAndBadDefinitionsRaiseErrors) {
     EXPECT_EQ(repo.GetComplexJoins().size(), 1u);
 }
 
-TEST_F(RepositoryTest, ComplexJoinIsFoundFromEitherSide) {
+TEST_F(RepositoryTest, ComplexJoinIsFoundAndReadFromEitherSide) {
     const RpRepository& repo = *m_pRepo;
-    const RefAComplexJoin forward =
-        repo.FindComplexJoinBetween(m_orders->GetID(), m_customers->GetID());
-    const RefAComplexJoin backward =
-        repo.FindComplexJoinBetween(m_customers->GetID(), m_orders->GetID());
-    EXPECT_EQ(forward, m_join);
-    EXPECT_EQ(backward, m_join);
-    EXPECT_EQ(m_join->GetTables()[0], m_orders);
-    EXPECT_EQ(m_join->GetTables()[1], m_customers);
-    EXPECT_EQ(m_join->GetCardinality(), k_Many_To_One);
+    EXPECT_EQ(repo.FindComplexJoinBetween(m_customers->GetID(), m_orders->GetID()), m_join);
     EXPECT_EQ(m_join->GetCardinalityFrom(m_orders->GetID()), k_Many_To_One);
     EXPECT_EQ(m_join->GetCardinalityFrom(m_customers->GetID()), k_One_To_Many);
     EXPECT_EQ(m_join->GetName(), ZKString(L"Orders_Customers"));
     EXPECT_TRUE(repo.FindComplexJoinBetween(m_orders->GetID(), m_orders->GetID()).IsNull());
-    EXPECT_TRUE(repo.FindComplexJoinBetween(m_orders->GetID(), m_db->GetID()).IsNull());
-
-    for (int c = kUnknownCardinality; c <= k_Many_To_ZeroOrOne; ++c) {
-        const auto card = static_cast<JoinCardinality>(c);
-        EXPECT_EQ(AComplexJoin::Reverse(AComplexJoin::Reverse(card)), card);
-    }
+    for (int c = kUnknownCardinality; c <= k_Many_To_ZeroOrOne; ++c)
+        EXPECT_EQ(AComplexJoin::Reverse(AComplexJoin::Reverse(JoinCardinality(c))), c);
     EXPECT_EQ(AComplexJoin::Reverse(k_ZeroOrOne_To_Many), k_Many_To_ZeroOrOne);
-    EXPECT_EQ(AComplexJoin::Reverse(k_One_To_ZeroOrOne), k_ZeroOrOne_To_One);
 }
 
-TEST_F(RepositoryTest, RelationsIterateByIdentifier) {
-    std::vector<ZKString> names;
-    for (VoidRelIter it(*m_pRepo, m_orders->GetID(), RpRepository::kRel_TableColumns); !it.IsDone();
-         it.Next()) {
-        names.push_back(m_pRepo->FindColumn(it.Current())->GetName());
-    }
-    EXPECT_EQ(names, (std::vector<ZKString>{L"ID", L"Line", L"Tags"}));
-
+TEST_F(RepositoryTest, RelationsIterateByIdentifierInRepositoryOrder) {
     RpSession session(m_pRepo);
     const VoidRelIter keyColumns(&session, m_orderKey->GetID(), RpRepository::kRel_KeyColumns);
     EXPECT_EQ(std::vector<VoidID>(keyColumns.begin(), keyColumns.end()),
               (std::vector<VoidID>{m_orderLine->GetID(), m_orderId->GetID()}));
     EXPECT_EQ(
-        VoidRelIter(&session, m_customers->GetID(), RpRepository::kRel_TableComplexJoins).Count(),
-        1u);
-    EXPECT_EQ(
         VoidRelIter(&session, VoidID(kRpType_Table, 99), RpRepository::kRel_TableKeys).Count(), 0u);
     EXPECT_DEATH(VoidRelIter(&session, m_db->GetID(), RpRepository::kRel_TableColumns),
                  "ASSERTION FAILED");
-
-    EXPECT_EQ(RefHelper::GetTable(&session, m_orders->GetID()), m_orders);
-    EXPECT_EQ(RefHelper::GetColumn(&session, m_orderId->GetID()), m_orderId);
-    EXPECT_EQ(RefHelper::GetKey(&session, m_orderKey->GetID()), m_orderKey);
-    EXPECT_EQ(RefHelper::GetComplexJoin(&session, m_join->GetID()), m_join);
-    EXPECT_EQ(RefHelper::GetDatabase(&session, m_db->GetID()), m_db);
-    EXPECT_EQ(RefHelper::GetConnectionPool(&session, m_mainPool->GetID()), m_mainPool);
     EXPECT_TRUE(RefHelper::GetTable(&session, m_db->GetID()).IsNull());
 }
 
@@ -196,8 +125,7 @@ TEST_F(RepositoryTest, QualifiedNamesQuoteEachPart) {
     EXPECT_EQ(MetadataUtil::GenerateQualifiedName(m_customers),
               ZKString(L"\"Sales\".\"Customers\""));
     const RefADatabase odd = m_pRepo->AddDatabase(L"My \"DB\"", ServerInfo::kAnsiSql);
-    const RefATable t = m_pRepo->AddTable(odd, L"s\"", L"t");
-    EXPECT_EQ(MetadataUtil::GenerateQualifiedName(t),
+    EXPECT_EQ(MetadataUtil::GenerateQualifiedName(m_pRepo->AddTable(odd, L"s\"", L"t")),
               ZKString(L"\"My \"\"DB\"\"\".\"s\"\"\".\"t\""));
 }
 
@@ -206,48 +134,37 @@ TEST_F(RepositoryTest, ReferencesOutliveTheRepositoryObject) {
     std::weak_ptr<RpRepository> weak = m_pRepo;
     SetUp();  // replaces every member, dropping the last owner of the first repository
     EXPECT_TRUE(weak.expired());
-    EXPECT_EQ(orders->GetName(), ZKString(L"Orders"));
     EXPECT_EQ(orders->GetDatabase()->GetName(), ZKString(L"Sales"));
     EXPECT_EQ(orders->GetColumns().size(), 3u);
 }
 
-TEST_F(RepositoryTest, SessionPropertiesAndTargets) {
+TEST_F(RepositoryTest, SessionPropertiesTargetsAndPools) {
     RpSession session(m_pRepo);
     ZKString text;
     long long number = 0;
-    EXPECT_FALSE(session.GetStringSessionProperty(L"P", text));
     session.SetIntegerSessionProperty(L"P", -17);
-    ASSERT_TRUE(session.GetStringSessionProperty(L"P", text));
-    EXPECT_EQ(text, ZKString(L"-17"));
-    ASSERT_TRUE(session.GetIntegerSessionProperty(L"P", number));
-    EXPECT_EQ(number, -17);
+    EXPECT_TRUE(session.GetStringSessionProperty(L"P", text) && text == L"-17");
     session.SetStringSessionProperty(L"P", L"abc");
     EXPECT_FALSE(session.GetIntegerSessionProperty(L"P", number));
     session.SetStringSessionProperty(L"P", L" 42 ");
-    ASSERT_TRUE(session.GetIntegerSessionProperty(L"P", number));
-    EXPECT_EQ(number, 42);
+    EXPECT_TRUE(session.GetIntegerSessionProperty(L"P", number) && number == 42);
     EXPECT_TRUE(session.RemoveSessionProperty(L"P"));
     EXPECT_FALSE(session.GetStringSessionProperty(L"P", text));
 
-    EXPECT_EQ(&session.GetRepository(), m_pRepo.get());
-    EXPECT_EQ(session.GetDatabaseByTargetID(m_db->GetID()), m_db);
+    // A target is a database or one of its pools.
     EXPECT_EQ(session.GetDatabaseByTargetID(m_reportPool->GetID()), m_db);
     EXPECT_TRUE(session.GetDatabaseByTargetID(m_orders->GetID()).IsNull());
     EXPECT_TRUE(session.GetDatabaseByTargetID(VoidID(kRpType_ConnectionPool, 50)).IsNull());
-}
 
-TEST_F(RepositoryTest, ConnectionPoolFollowsSessionChoice) {
-    RpSession session(m_pRepo);
+    // The session chooses a database's pool by name; without a choice the first one.
     EXPECT_EQ(Authorization::ConnectionPoolFrom_UserDatabase(&session, m_db), m_mainPool);
     EXPECT_EQ(Authorization::ConnectionPoolFrom_UserDatabase(nullptr, m_db), m_mainPool);
     session.SetStringSessionProperty(L"CONNECTION_POOL.Sales", L"Reporting");
     EXPECT_EQ(Authorization::ConnectionPoolFrom_UserDatabase(&session, m_db), m_reportPool);
     session.SetStringSessionProperty(L"CONNECTION_POOL.Sales", L"Missing");
     EXPECT_TRUE(Authorization::ConnectionPoolFrom_UserDatabase(&session, m_db).IsNull());
-
     const RefADatabase bare = m_pRepo->AddDatabase(L"Bare", ServerInfo::kAnsiSql);
     EXPECT_TRUE(Authorization::ConnectionPoolFrom_UserDatabase(&session, bare).IsNull());
-    EXPECT_TRUE(Authorization::ConnectionPoolFrom_UserDatabase(&session, RefADatabase()).IsNull());
 }
 
 TEST_F(RepositoryTest, ReadersRunWhileTheRepositoryGrows) {
@@ -259,9 +176,8 @@ TEST_F(RepositoryTest, ReadersRunWhileTheRepositoryGrows) {
             std::size_t last = 0;
             while (!done) {
                 const std::size_t now = m_orders->GetColumns().size();
-                if (now < last || m_pRepo->FindTableByName(m_db, L"dbo", L"Orders") != m_orders) {
+                if (now < last || m_pRepo->FindTableByName(m_db, L"dbo", L"Orders") != m_orders)
                     shrank = true;
-                }
                 last = now;
             }
         });
@@ -271,36 +187,25 @@ TEST_F(RepositoryTest, ReadersRunWhileTheRepositoryGrows) {
         m_pRepo->AddTable(m_db, L"grow", ZKString(L"T") + ZKString::FromInt(i));
     }
     done = true;
-    for (std::thread& t : readers) {
+    for (std::thread& t : readers)
         t.join();
-    }
     EXPECT_FALSE(shrank);
-    EXPECT_EQ(m_orders->GetColumns().size(), 2003u);
     EXPECT_EQ(m_pRepo->FindColumn(VoidID(kRpType_Column, 2004))->GetName(), ZKString(L"C1999"));
 }
 
 TEST(VoidIDTest, TextFormRoundTripsAndOrderIsSignedTypeThenUnsignedNumber) {
-    for (const VoidID id : {VoidID(3, 17), VoidID(-5, 0), VoidID(0, 0xFFFFFFFEu), VoidID::NullID,
-                            VoidID(INT32_MIN, UniqueNum::kUndefined)}) {
+    for (const VoidID id :
+         {VoidID(3, 17), VoidID(-5, 0), VoidID::NullID, VoidID(INT32_MIN, UniqueNum::kUndefined)}) {
         VoidID back(1, 1);
-        ASSERT_TRUE(VoidID::FromString(id.ToString(), back)) << id.ToString().ToUtf8();
-        EXPECT_EQ(back, id);
+        EXPECT_TRUE(VoidID::FromString(id.ToString(), back) && back == id)
+            << id.ToString().ToUtf8();
     }
-    EXPECT_EQ(VoidID(3, 17).ToString(), ZKString(L"3:17"));
-    EXPECT_TRUE(VoidID().IsNullID());
-    EXPECT_FALSE(VoidID(0, 0).IsNullID());
-
     VoidID untouched(7, 7);
     for (const wchar_t* bad :
-         {L"", L"3", L"3:", L":4", L"3:-4", L"3: 4", L"x:1", L"3:4294967296", L"2147483648:1"}) {
+         {L"", L"3", L":4", L"3:-4", L"3: 4", L"3:4294967296", L"2147483648:1"})
         EXPECT_FALSE(VoidID::FromString(bad, untouched)) << ZKString(bad).ToUtf8();
-    }
     EXPECT_EQ(untouched, VoidID(7, 7));
-
     EXPECT_LT(VoidID(-1, 5), VoidID(0, 0));
     EXPECT_LT(VoidID(1, 1), VoidID(1, 0x80000000u));
-    EXPECT_LT(VoidID(1, 0xFFFFFFFFu), VoidID(2, 0));
-    EXPECT_NE(VoidID(1, 2), VoidID(2, 1));
-    std::unordered_set<VoidID> set = {VoidID(1, 2), VoidID(2, 1), VoidID(1, 2)};
-    EXPECT_EQ(set.size(), 2u);
+    EXPECT_EQ(std::unordered_set<VoidID>({VoidID(1, 2), VoidID(2, 1), VoidID(1, 2)}).size(), 2u);
 }

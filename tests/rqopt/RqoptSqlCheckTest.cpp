@@ -22,13 +22,12 @@ void DropTopFilter(RewriteRule&, RqNode& root) {
 
 const std::vector<RuleInfo>& WrongRules() {
     static const std::vector<RuleInfo> table = {
-        {"DropTopFilter",
-         "Deletes the top block's WHERE.",
-         {},
-         [](const RuleContext& c, const RuleOptionValues&) -> std::unique_ptr<RewriteRule> {
-             return std::make_unique<RemoveRedundantOrderBy>(c.m_pRp);
-         },
-         DropTopFilter},
+        RuleInfo::Make<NoRuleOptions>(
+            "DropTopFilter", "Deletes the top block's WHERE.",
+            [](const RuleContext& c, const NoRuleOptions&) -> std::unique_ptr<RewriteRule> {
+                return std::make_unique<RemoveRedundantOrderBy>(c.m_pRp);
+            },
+            DropTopFilter),
     };
     return table;
 }

@@ -131,3 +131,13 @@ long long PropertyValue::GetInteger() const {
     }
     return value;
 }
+
+ZKString GlobalPropertyName::Get() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_name;
+}
+
+void GlobalPropertyName::Set(const ZKString& name) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_name = name;
+}

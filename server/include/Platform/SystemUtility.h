@@ -1,7 +1,7 @@
 #pragma once
 // Small services of the host system and text parsing shared by configuration readers.
 
-#include <atomic>
+#include <mutex>
 #include <string_view>
 
 #include "Platform/ZKString.h"
@@ -44,9 +44,30 @@ private:
     ZKString m_text;
 };
 
-// Diagnostic switches read on hot paths, hence plain atomics rather than flags.
+// The name of a session property, replaceable server-wide while any thread reads it.
+class GlobalPropertyName {
+public:
+    explicit GlobalPropertyName(const wchar_t* defaultName) : m_name(defaultName) {}
+    GlobalPropertyName(const GlobalPropertyName&) = delete;
+    GlobalPropertyName& operator=(const GlobalPropertyName&) = delete;
+
+    // A copy: a reader keeps a whole name even while another thread replaces it.
+    ZKString Get() const;
+    void Set(const ZKString& name);
+
+private:
+    mutable std::mutex m_mutex;
+    ZKString m_name;
+};
+
+// The session properties that switch diagnostic output on. Each variable names its
+// property, so that a server can let another property carry the switch; a session turns the
+// output on by setting that property.
 class GlobalRpVariables {
 public:
-    static inline std::atomic<bool> global_External_zK_EnableAggrDiagnostics{false};
-    static inline std::atomic<bool> global_External_zK_EnableCacheDiagnostics{false};
+    // Names the integer session property of the aggregation diagnostics level.
+    static inline GlobalPropertyName global_External_zK_EnableAggrDiagnostics{L"AGGR_DIAGNOSTICS"};
+    // Names the string session property of the cache diagnostics, read as an integer level.
+    static inline GlobalPropertyName global_External_zK_EnableCacheDiagnostics{
+        L"CACHE_DIAGNOSTICS"};
 };

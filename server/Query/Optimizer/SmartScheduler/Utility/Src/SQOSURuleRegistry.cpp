@@ -1,5 +1,7 @@
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSURuleRegistry.h"
 
+#include <limits>
+
 #include "Platform/ErrorMessage.h"
 #include "Platform/SystemUtility.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSURemoveRedundantOrderBy.h"
@@ -7,16 +9,16 @@
 namespace {
 
 // The rules, alphabetically. A rule's options are its constructor arguments after the
-// gateway, named as the rule's members name them.
+// gateway, declared in its options struct.
 const std::vector<RuleInfo>& RuleTable() {
     static const std::vector<RuleInfo> table = {
-        {"RemoveRedundantOrderBy",
-         "Deletes every ORDER BY but the outermost one (and that one too when a join of two "
-         "tables comes first) and marks every node's target unknown.",
-         {},
-         [](const RuleContext& context, const RuleOptionValues&) -> std::unique_ptr<RewriteRule> {
-             return std::make_unique<RemoveRedundantOrderBy>(context.m_pRp);
-         }},
+        RuleInfo::Make<NoRuleOptions>(
+            "RemoveRedundantOrderBy",
+            "Deletes every ORDER BY but the outermost one (and that one too when a join of two "
+            "tables comes first) and marks every node's target unknown.",
+            [](const RuleContext& context, const NoRuleOptions&) -> std::unique_ptr<RewriteRule> {
+                return std::make_unique<RemoveRedundantOrderBy>(context.m_pRp);
+            }),
     };
     return table;
 }
@@ -55,46 +57,50 @@ std::string OptionNames(const RuleInfo& info) {
     return names;
 }
 
-const RuleOptionInfo* FindOption(const RuleInfo& info, std::string_view name) {
-    for (const RuleOptionInfo& option : info.m_options) {
-        if (name == option.m_name)
-            return &option;
-    }
-    return nullptr;
+// The position of the option in the rule's list; the list's size when there is none.
+size_t FindOption(const RuleInfo& info, std::string_view name) {
+    size_t i = 0;
+    while (i < info.m_options.size() && name != info.m_options[i].m_name)
+        ++i;
+    return i;
 }
 
 void ParseOption(RuleSpec& spec, std::string_view text) {
     const RuleInfo& info = spec.GetInfo();
     const size_t equals = text.find('=');
     const std::string_view name = Trim(text.substr(0, equals));
-    const RuleOptionInfo* option = FindOption(info, name);
-    if (option == nullptr) {
+    const size_t index = FindOption(info, name);
+    if (index == info.m_options.size()) {
         if (info.m_options.empty())
             Fail(std::string(info.m_name) + " takes no options (found '" + std::string(name) +
                  "')");
         Fail(std::string(info.m_name) + " has no option '" + std::string(name) +
              "'; its options: " + OptionNames(info));
     }
+    const RuleOptionInfo& option = info.m_options[index];
+    const std::string what = std::string(info.m_name) + ":" + option.m_name;
     if (equals == std::string_view::npos) {
         // A boolean option named alone is switched on, as on a command line.
-        if (option->m_kind != RuleOptionInfo::kBool)
-            Fail(std::string(info.m_name) + ":" + option->m_name + " needs a value");
-        spec.GetOptions().Set(option->m_name, 1);
+        if (option.m_kind != RuleOptionInfo::kBool)
+            Fail(what + " needs a value");
+        spec.SetOption(index, 1);
         return;
     }
     const ZKString value = ZKString::FromUtf8(Trim(text.substr(equals + 1)));
-    if (option->m_kind == RuleOptionInfo::kBool) {
+    if (option.m_kind == RuleOptionInfo::kBool) {
         bool flag = false;
         if (!BaseStringUtil::BooleanFrom(value, flag))
-            Fail(std::string(info.m_name) + ":" + option->m_name + " takes true or false, not '" +
-                 value.ToUtf8() + "'");
-        spec.GetOptions().Set(option->m_name, flag ? 1 : 0);
+            Fail(what + " takes true or false, not '" + value.ToUtf8() + "'");
+        spec.SetOption(index, flag ? 1 : 0);
     } else {
         long long number = 0;
-        if (!BaseStringUtil::IntFrom(value, number))
-            Fail(std::string(info.m_name) + ":" + option->m_name + " takes an integer, not '" +
-                 value.ToUtf8() + "'");
-        spec.GetOptions().Set(option->m_name, number);
+        if (!BaseStringUtil::IntFrom(value, number) || number < std::numeric_limits<int>::min() ||
+            number > std::numeric_limits<int>::max())
+            Fail(what + " takes an integer from " +
+                 std::to_string(std::numeric_limits<int>::min()) + " to " +
+                 std::to_string(std::numeric_limits<int>::max()) + ", not '" + value.ToUtf8() +
+                 "'");
+        spec.SetOption(index, number);
     }
 }
 
@@ -108,53 +114,20 @@ const RuleInfo* FindIn(const std::vector<RuleInfo>& table, std::string_view name
 
 }  // namespace
 
-RuleOptionValues::RuleOptionValues(const RuleInfo& info) : m_pInfo(&info) {
-    for (const RuleOptionInfo& option : info.m_options)
-        m_values.push_back(option.m_default);
-}
-
-size_t RuleOptionValues::IndexOf(std::string_view name) const {
-    for (size_t i = 0; i < m_pInfo->m_options.size(); ++i) {
-        if (name == m_pInfo->m_options[i].m_name)
-            return i;
-    }
-    ZK_LOGIC_ERROR(
-        ZKString::FromUtf8(std::string(m_pInfo->m_name) + " has no option " + std::string(name)));
-}
-
-bool RuleOptionValues::GetBool(std::string_view name) const {
-    const size_t i = IndexOf(name);
-    ZK_ASSERT(m_pInfo->m_options[i].m_kind == RuleOptionInfo::kBool);
-    return m_values[i] != 0;
-}
-
-long long RuleOptionValues::GetInt(std::string_view name) const {
-    const size_t i = IndexOf(name);
-    ZK_ASSERT(m_pInfo->m_options[i].m_kind == RuleOptionInfo::kInt);
-    return m_values[i];
-}
-
-void RuleOptionValues::Set(std::string_view name, long long value) {
-    m_values[IndexOf(name)] = value;
-}
-
-bool RuleOptionValues::IsDefault(std::string_view name) const {
-    const size_t i = IndexOf(name);
-    return m_values[i] == m_pInfo->m_options[i].m_default;
-}
-
 std::string RuleSpec::ToString() const {
     std::string text = m_pInfo->m_name;
-    for (const RuleOptionInfo& option : m_pInfo->m_options) {
-        if (m_options.IsDefault(option.m_name))
+    for (size_t i = 0; i < m_pInfo->m_options.size(); ++i) {
+        const RuleOptionInfo& option = m_pInfo->m_options[i];
+        const long long value = GetOption(i);
+        if (value == option.m_default)
             continue;
         text += ":";
         text += option.m_name;
         text += "=";
         if (option.m_kind == RuleOptionInfo::kBool)
-            text += m_options.GetBool(option.m_name) ? "true" : "false";
+            text += value != 0 ? "true" : "false";
         else
-            text += std::to_string(m_options.GetInt(option.m_name));
+            text += std::to_string(value);
     }
     return text;
 }
@@ -233,7 +206,7 @@ std::vector<RuleSpec> RuleRegistry::PipelineRules(const PipelineInfo& pipeline) 
 
 std::unique_ptr<RewriteRule> RuleRegistry::Create(const RuleSpec& spec,
                                                   const RuleContext& context) {
-    return spec.GetInfo().m_create(context, spec.GetOptions());
+    return spec.GetInfo().m_create(context, spec.GetOptionValues());
 }
 
 void RuleRegistry::Apply(const RuleSpec& spec, const RuleContext& context, RqNode& root) {

@@ -3,13 +3,16 @@
 
 #include "Query/Optimizer/Request/SQORAVisitorRqNode.h"
 #include "Query/Optimizer/Request/SQORRqList.h"
+#include "Query/Optimizer/Request/SQORRqVisitorDefaults.h"
 
 class ARpGateway;
 class ServerStatistics;
 
 // A rewrite rule is a node visitor that the driver applies to a request pass after pass
 // until it reports that it has nothing more to do. The Visit overloads stay as the visitor
-// interface leaves them: every concrete rule supplies the abstract ones.
+// interface leaves them. A rule derives from RqNodeVisitorDefaults<RewriteRule>
+// (SQORRqVisitorDefaults.h) to write only the overloads it uses; every other node answers
+// false, so the walk goes on into its children.
 class RewriteRule : public AVisitorRqNode {
 public:
     // The driver. Each pass: the job's cancellation point, Reset, a walk of the tree below
