@@ -78,6 +78,12 @@ GoldenCase ParseGoldenFile(std::string_view text, const std::string& fileName) {
                 section = &golden.m_stdout;
             } else if (name == "stderr") {
                 section = &golden.m_stderr;
+            } else if (key == "hazard") {
+                golden.m_hazard = name.size() > key.size() ? name.substr(key.size() + 1) : "";
+                if (golden.m_hazard != "different" && golden.m_hazard != "not comparable")
+                    Fail(fileName, lineNumber,
+                         "'=== hazard' takes the verdict: different or not comparable");
+                section = &golden.m_hazardReason;
             } else if (key == "exit") {
                 const std::string code = name.substr(key.size());
                 try {
@@ -91,7 +97,7 @@ GoldenCase ParseGoldenFile(std::string_view text, const std::string& fileName) {
                 section = nullptr;
             } else {
                 Fail(fileName, lineNumber,
-                     "unknown section '" + name + "' (input, stdout, stderr or exit N)");
+                     "unknown section '" + name + "' (hazard, input, stdout, stderr or exit N)");
             }
             continue;
         }
@@ -121,6 +127,9 @@ GoldenCase ParseGoldenFile(std::string_view text, const std::string& fileName) {
     }
     if (!bHasCommand)
         Fail(fileName, 1, "no command line ('$ rqopt ...')");
+    if (golden.IsKnownHazard() &&
+        golden.m_hazardReason.find_first_not_of(" \t\r\n") == std::string::npos)
+        Fail(fileName, 1, "a known hazard without its reason");
     return golden;
 }
 
@@ -130,6 +139,8 @@ std::string WriteGoldenFile(const GoldenCase& golden) {
         return content.empty() || content.back() == '\n' ? content : content + "\n";
     };
     std::string text = lines(golden.m_preamble);
+    if (golden.IsKnownHazard())
+        text += "=== hazard " + golden.m_hazard + "\n" + lines(golden.m_hazardReason);
     if (golden.m_bHasInput)
         text += "=== input\n" + lines(golden.m_input);
     if (!golden.m_stdout.empty())

@@ -12,6 +12,15 @@
 //     <expected standard error>
 //     === exit 2
 //
+// A case whose rules, as they are meant to work, change the rows of its request declares it
+// as a known hazard, before its input, with the check's verdict and the reason:
+//
+//     === hazard not comparable
+//     The derived table's ORDER BY decides which rows the page keeps; the rule deletes it.
+//
+// The SQL check of every case (tests/rqopt/SqlCheckAllTest.cpp) then expects that verdict
+// ("different" or "not comparable") instead of "same".
+//
 // Every section is optional: a missing stdout or stderr section expects nothing there, a
 // missing exit line expects 0. With an input section and no "-" on the command line, "-"
 // is added. Sections hold whole lines and are compared exactly.
@@ -34,6 +43,10 @@ struct GoldenCase {
     std::string m_stdout;
     std::string m_stderr;
     int m_exit = 0;
+    std::string m_hazard;        // the verdict a known hazard expects; empty for none
+    std::string m_hazardReason;  // why, as written
+
+    bool IsKnownHazard() const { return !m_hazard.empty(); }
 
     // The arguments rqopt runs with: m_args, plus "-" when the input comes from the file.
     std::vector<std::string> RunArgs() const;

@@ -230,6 +230,8 @@ std::string SqlCheckOutcome::Report() const {
 
 SqlCheckSession::SqlCheckSession(const ARpGateway* rp, const SqlCheckOptions& options)
     : m_pRp(rp), m_options(options), m_pDb(std::make_unique<SqlDatabase>()) {
+    m_deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(options.m_totalTimeLimitMs);
     m_pDb->SetTimeLimit(std::chrono::milliseconds(options.m_timeLimitMs));
     if (rp != nullptr) {
         m_pGenerator = std::make_unique<SqlDataGenerator>(
@@ -272,6 +274,28 @@ bool SqlCheckSession::LoadRows(const ATable& table, const std::vector<SqlRow>& r
            m_pDb->Insert(name, std::max<size_t>(table.GetColumns().size(), 1), rows, error);
 }
 
+std::string SqlCheckSession::Budget(const SqlRenderResult& rendered) {
+    if (rendered.m_sql.size() > m_options.m_maxSqlBytes)
+        return "the statement is too large to check (" + std::to_string(rendered.m_sql.size()) +
+               " bytes, at most " + std::to_string(m_options.m_maxSqlBytes) + ")";
+    if (rendered.m_numConnectives > m_options.m_maxConnectives)
+        return "the statement is too large to check (" + std::to_string(rendered.m_numConnectives) +
+               " ANDs and ORs, at most " + std::to_string(m_options.m_maxConnectives) + ")";
+    return std::string();
+}
+
+bool SqlCheckSession::Query(const std::string& sql, SqlRows& rows, std::string& error) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        m_deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+        error = "interrupted: the check ran longer than " +
+                std::to_string(m_options.m_totalTimeLimitMs) + " ms";
+        return false;
+    }
+    m_pDb->SetTimeLimit(std::min(left, std::chrono::milliseconds(m_options.m_timeLimitMs)));
+    return m_pDb->Query(sql, rows, error);
+}
+
 SqlRunResult SqlCheckSession::Run(const RqNode& request) {
     SqlRunResult result;
     const SqlRenderResult rendered = SqlRenderer::Render(request, m_pRp);
@@ -280,6 +304,9 @@ SqlRunResult SqlCheckSession::Run(const RqNode& request) {
         return result;
     }
     result.m_sql = rendered.m_sql;
+    result.m_reason = Budget(rendered);
+    if (!result.m_reason.empty())
+        return result;
     std::string error;
     if (!m_pDb->IsOpen()) {
         result.m_reason = "SQLite: " + m_pDb->GetOpenError();
@@ -306,13 +333,16 @@ SqlRunResult SqlCheckSession::Run(const RqNode& request) {
         }
     }
 
-    if (!m_pDb->Query(result.m_sql, result.m_rows, error)) {
+    if (!Query(result.m_sql, result.m_rows, error)) {
         result.m_reason = "SQLite: " + error;
         return result;
     }
     const RqNode* top = &request;
     if (const auto* handle = RqDynCast<RqHandleNode>(top))
         top = handle->GetRqNode();
+    // The rows a write writes land in a table: a bag, whatever order its list gives them.
+    if (RqDynCast<RqWrite>(top) != nullptr)
+        top = nullptr;
     std::vector<SqlSortKey> keys;
     if (const auto* list = RqDynCast<RqAbstractList>(top);
         list != nullptr && SqlRenderer::GetListOrder(*list, keys))
@@ -328,6 +358,8 @@ std::string SqlCheckSession::CheckLimit(const RqAbstractList& list) {
     const SqlRenderResult rendered = SqlRenderer::Render(list, m_pRp, options);
     if (!rendered.IsOk())
         return "cannot check " + where + " on its own: " + rendered.Describe();
+    if (const std::string why = Budget(rendered); !why.empty())
+        return "cannot check " + where + ": " + why;
     std::vector<SqlSortKey> keys;
     SqlRenderer::GetListOrder(list, keys);
     std::string order;
@@ -338,7 +370,7 @@ std::string SqlCheckSession::CheckLimit(const RqAbstractList& list) {
                             SqlRenderer::IndentLines(rendered.m_sql, "  ") + "\n)";
     SqlRows rows;
     std::string error;
-    if (!m_pDb->Query(sql, rows, error))
+    if (!Query(sql, rows, error))
         return "cannot check " + where + ": SQLite: " + error;
     const size_t numColumns = rows.m_columnNames.empty() ? 0 : rows.m_columnNames.size() - 1;
     std::map<int64_t, std::vector<const SqlRow*>> ties;
@@ -392,7 +424,7 @@ std::string SqlCheckSession::CheckBreakFilter(const RqBreakFilter& filter) {
         sql += "\nGROUP BY " + breaks;
     SqlRows rows;
     std::string error;
-    if (!m_pDb->Query(sql, rows, error))
+    if (!Query(sql, rows, error))
         return "cannot check " + where + ": SQLite: " + error;
     for (const SqlRow& row : rows.m_rows) {
         if (row[0].m_int > 1)

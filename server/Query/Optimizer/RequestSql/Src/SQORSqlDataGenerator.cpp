@@ -92,6 +92,21 @@ std::string TimeText(int64_t hour, int64_t minute) {
 // string, letter case, blanks, LIKE's wildcard characters.
 const char* const kWords[] = {"alpha", "beta",  "Gamma", "",     "alpha beta",
                               "ALPHA", "delta", "e%_z",  "zeta", "eta"};
+// Rarer texts: non-ASCII letters (which sort after every ASCII one and which NOCASE does not
+// fold), a combining accent, a letter outside the basic plane.
+const char* const kUnicodeWords[] = {"\xC3\xA9t\xC3\xA9",
+                                     "\xC3\x89T\xC3\x89",
+                                     "e\xCC\x81te",
+                                     "\xE6\x97\xA5\xE6\x9C\xAC",
+                                     "stra\xC3\x9F"
+                                     "e",
+                                     "\xF0\x9F\x98\x80 smile"};
+
+// How often a value leaves the narrow ranges where values collide.
+constexpr double kWideChance = 0.15;
+// The wide dates: from two years before to four years after the narrow quarter.
+constexpr int64_t kWideDaysBefore = 2 * 365;
+constexpr int64_t kWideDays = 6 * 365;
 
 const char* SqliteType(SqlDataGenerator::ValueKind kind) {
     switch (kind) {
@@ -337,29 +352,62 @@ struct ColumnDraw {
         return m_bLargeOften ? n - 1 - v : v;
     }
 
-    // A value of the kind: `key` when the column holds keys, else a skewed one.
+    // A value of the kind: `key` when the column holds keys, else a skewed one, mostly from a
+    // narrow range where values collide and now and then from a wide one.
     SqlValue Value(SqlDataGenerator::ValueKind kind, bool bKeyValue, int64_t key) {
+        if (kind == SqlDataGenerator::kText && bKeyValue)
+            return SqlValue::Text("K" + std::to_string(key));
+        if (bKeyValue && (kind == SqlDataGenerator::kInteger || kind == SqlDataGenerator::kReal))
+            return kind == SqlDataGenerator::kInteger ? SqlValue::Integer(key)
+                                                      : SqlValue::Real(static_cast<double>(key));
+        const bool bWide = kind != SqlDataGenerator::kBoolean && m_random.Chance(kWideChance);
         switch (kind) {
             case SqlDataGenerator::kInteger:
-                return SqlValue::Integer(bKeyValue ? key : Skewed(12) - 2);
-            case SqlDataGenerator::kBoolean:
-                return SqlValue::Integer(m_random.Below(2));
+                return SqlValue::Integer(bWide ? WideInteger() : Skewed(12) - 2);
             case SqlDataGenerator::kReal:
-                // Quarters are exact in binary, so sums do not depend on the order of rows.
-                return SqlValue::Real(bKeyValue ? static_cast<double>(key)
-                                                : static_cast<double>(Skewed(40) - 6) * 0.25);
+                // Quarters are exact in binary, and so are their products with powers of two
+                // up to 2^32: sums of a table's values stay exact, whatever the order of rows.
+                return SqlValue::Real(static_cast<double>(bWide ? WideInteger() : Skewed(40) - 6) *
+                                      0.25);
             case SqlDataGenerator::kText:
-                return SqlValue::Text(bKeyValue ? "K" + std::to_string(key)
-                                                : kWords[(m_random.Skewed(10) + m_wordShift) % 10]);
+                return SqlValue::Text(bWide ? WideText()
+                                            : kWords[(m_random.Skewed(10) + m_wordShift) % 10]);
             case SqlDataGenerator::kDate:
-                return SqlValue::Text(DateText(bKeyValue ? key : m_random.Skewed(90)));
+                return SqlValue::Text(DateText(bKeyValue ? key : Day(bWide)));
             case SqlDataGenerator::kTime:
                 return SqlValue::Text(TimeText(m_random.Skewed(24), m_random.Below(4) * 15));
             case SqlDataGenerator::kTimestamp:
-                return SqlValue::Text(DateText(bKeyValue ? key : m_random.Skewed(90)) + " " +
+                return SqlValue::Text(DateText(bKeyValue ? key : Day(bWide)) + " " +
                                       TimeText(m_random.Skewed(24), m_random.Below(4) * 15));
+            case SqlDataGenerator::kBoolean:
+                break;
         }
-        return SqlValue::Null();
+        return SqlValue::Integer(m_random.Below(2));
+    }
+
+    // Negative and large numbers of every magnitude up to 2^32, so that ORDER BY and range
+    // conditions meet values that compare differently as text and as numbers.
+    int64_t WideInteger() {
+        const int64_t magnitude = int64_t{1} << m_random.Below(33);
+        const int64_t value = magnitude + m_random.Below(magnitude);
+        return m_random.Chance(0.5) ? -value : value;
+    }
+
+    // Long texts (longer than any index prefix) and texts beyond ASCII.
+    std::string WideText() {
+        if (m_random.Chance(0.5))
+            return kUnicodeWords[m_random.Below(std::size(kUnicodeWords))];
+        std::string text;
+        const int64_t length = 100 + m_random.Below(200);
+        for (int64_t i = 0; i < length; ++i)
+            text += static_cast<char>('a' + m_random.Below(26));
+        return text;
+    }
+
+    // Days after the narrow quarter's first day: mostly within that quarter, now and then over
+    // several years around it (leap days, year ends and months of every length).
+    int64_t Day(bool bWide) {
+        return bWide ? m_random.Below(kWideDays) - kWideDaysBefore : m_random.Skewed(90);
     }
 };
 

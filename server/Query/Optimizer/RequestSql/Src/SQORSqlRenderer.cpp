@@ -67,6 +67,12 @@ std::string SqlWriter::NewAlias(const std::string& base) {
     return alias;
 }
 
+std::string SqlWriter::Hoist(const std::string& base, const std::string& sql) {
+    const std::string name = NewAlias(base);
+    m_namedQueries.push_back(name + " AS (\n" + Indent(sql) + "\n)");
+    return name;
+}
+
 namespace {
 
 bool BlockOrder(const RqList& block, std::vector<SqlSortKey>& out, int depth);
@@ -178,6 +184,7 @@ SqlRenderResult SqlRenderer::Render(const RqNode& root, const ARpGateway* rp,
     try {
         sqlrender::SqlWriter writer(rp, options, result.m_orderDependentLists);
         result.m_sql = writer.Top(root);
+        result.m_numConnectives = writer.GetNumConnectives();
     } catch (const sqlrender::RenderFailure& failure) {
         result.m_sql.clear();
         result.m_orderDependentLists.clear();
@@ -209,13 +216,26 @@ std::string SqlRenderer::GetOrderTerm(const RqAbstractList& list, const SqlSortK
     return sqlrender::OrderTerm(GetColumnName(list, key.m_columnIndex), key);
 }
 
+// A dot or backslash inside a part of a qualified name is escaped with a backslash, so that
+// the dots between the parts tell them apart: database "X.y" with table Z is "X\.y.Z", database
+// X with schema y and table Z is "X.y.Z". A table without a database starts with a dot.
 std::string SqlRenderer::GetTableName(const ATable& table) {
+    auto part = [](const ZKString& text) {
+        std::string out;
+        for (char c : text.ToUtf8()) {
+            if (c == '.' || c == '\\')
+                out += '\\';
+            out += c;
+        }
+        return out;
+    };
     std::string name;
     if (RefADatabase database = table.GetDatabase())
-        name = database->GetName().ToUtf8() + ".";
+        name = part(database->GetName());
+    name += ".";
     if (!table.GetSchema().empty())
-        name += table.GetSchema().ToUtf8() + ".";
-    return QuoteIdentifier(name + table.GetName().ToUtf8());
+        name += part(table.GetSchema()) + ".";
+    return QuoteIdentifier(name + part(table.GetName()));
 }
 
 std::string SqlRenderer::QuoteIdentifier(std::string_view name) {

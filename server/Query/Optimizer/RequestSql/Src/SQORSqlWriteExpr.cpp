@@ -104,6 +104,8 @@ bool IsLeftOut(const RqExpr& expr, const GroupingBranch& branch) {
 Sql SqlWriter::Expr(const RqExpr& expr, const ExprEnv& env) {
     if (++m_exprDepth > kMaxExprDepth)
         Fail(SqlProblem::kNotSupported, &expr, "an expression nested too deeply");
+    if (expr.IsKindOf(kRqExprCondConnective))
+        ++m_numConnectives;
     Sql sql = ExprNode(expr, env);
     --m_exprDepth;
     return sql;
@@ -460,9 +462,23 @@ Sql SqlWriter::In(const RqExpr& expr, const ExprEnv& env) {
     }
     std::vector<std::string> members;
     for (int i = 1; i < expr.GetNumOperands(); ++i) {
-        if (Op(expr, i).IsKindOf(kRqExprSubquery))
+        const RqExpr& member = Op(expr, i);
+        if (member.IsKindOf(kRqExprSubquery))
             Fail(SqlProblem::kNotSupported, &expr, "IN over a subquery among other members");
-        members.push_back(Expr(Op(expr, i), env).m_text);
+        // A parenthesized list of values, In(x, (1, 2)), lists its values as members.
+        if (const auto* list = RqDynCast<RqExprColumnListOrdered>(&member)) {
+            for (int k = 0; k < list->GetNumColumns(); ++k) {
+                const RqExpr* value = list->GetIthColumn(k);
+                if (value == nullptr)
+                    Fail(SqlProblem::kMalformed, list, "an empty slot in a list of values");
+                if (value->IsKindOf(kRqExprSubquery) || value->IsKindOf(kRqExprColumnListOrdered))
+                    Fail(SqlProblem::kNotSupported, value,
+                         "IN over a list holding a subquery or another list");
+                members.push_back(Expr(*value, env).m_text);
+            }
+            continue;
+        }
+        members.push_back(Expr(member, env).m_text);
     }
     return Sql{value + " IN (" + Join(members, ", ") + ")", kRqStrengthCompare};
 }
@@ -478,8 +494,8 @@ Sql SqlWriter::Quantified(const RqExpr& expr, const ExprEnv& env) {
     auto exists = [&](const std::string& condTemplate) {
         const std::string alias = NewAlias("q" + std::to_string(++m_subqueryCount));
         const std::string column = alias + "." + SqlRenderer::GetColumnName(query, 0);
-        const std::string comparison = Operand(Expr(Op(expr, 0), env), kPredicateOperandStrength) + " " +
-                                       form.m_text + " " + column;
+        const std::string comparison = Operand(Expr(Op(expr, 0), env), kPredicateOperandStrength) +
+                                       " " + form.m_text + " " + column;
         std::string cond = condTemplate;
         cond.replace(cond.find('@'), 1, comparison);
         return "EXISTS (SELECT 1 FROM (\n" + Indent(SubqueryList(subquery, env)) + "\n) AS " +

@@ -52,6 +52,14 @@ bool SqlWriter::PreservesRightSide(const RqNode* side) {
     return PreservesRightSide(reference->GetLeftNode());
 }
 
+// Whether a join side renders as a join of tables rather than as one table.
+bool SqlWriter::IsJoin(const RqNode* side) {
+    const auto* reference = RqDynCast<RqTableReference>(side);
+    if (reference == nullptr)
+        return false;
+    return reference->GetRightNode() != nullptr || IsJoin(reference->GetLeftNode());
+}
+
 void SqlWriter::Register(const RqNode* side, Scope& scope,
                          std::unordered_map<const RqNode*, std::string>& aliases) {
     if (const auto* reference = RqDynCast<RqTableReference>(side)) {
@@ -99,8 +107,10 @@ std::string SqlWriter::Side(const RqNode* side, const Scope& scope,
     if (reference == nullptr) {
         const std::string& alias = aliases.at(side);
         if (const auto* derived = RqDynCast<RqDerivedTable>(side)) {
-            // A derived table sees nothing of the block that reads it.
-            return "(\n" + Indent(List(*derived->GetInnerList(), nullptr), 4) + "\n  ) AS " + alias;
+            // A derived table sees nothing of the block that reads it: it can be a named query.
+            return Hoist("d" + std::to_string(m_namedQueries.size() + 1),
+                         List(*derived->GetInnerList(), nullptr)) +
+                   " AS " + alias;
         }
         const Scope::Table& table = scope.m_tables.at(RqCast<RqAbstractTable>(side)->GetTableNum());
         return SqlRenderer::GetTableName(*table.m_table) + " AS " + alias;
@@ -134,8 +144,10 @@ std::string SqlWriter::Side(const RqNode* side, const Scope& scope,
         Fail(SqlProblem::kMalformed, side,
              "join type " + std::to_string(reference->GetJoinType()) + " is no join type");
     std::string right = Side(reference->GetRightNode(), scope, aliases);
-    // A nested join on the right keeps its own grouping: "a JOIN (b RIGHT JOIN c)".
-    if (RqDynCast<RqTableReference>(reference->GetRightNode()) != nullptr)
+    // A nested join on the right keeps its own grouping: "a JOIN (b RIGHT JOIN c)". A nested
+    // reference holding a single table is that table: in parentheses, SQLite would hide its
+    // alias from the condition.
+    if (IsJoin(reference->GetRightNode()))
         right = "(" + right + ")";
     return left + "\n  " + keyword + " " + right + " ON " + JoinCondition(*reference, scope);
 }

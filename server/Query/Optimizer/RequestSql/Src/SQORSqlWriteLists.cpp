@@ -12,6 +12,12 @@ std::string SqlWriter::Top(const RqNode& root) {
         if (request == nullptr)
             Fail(SqlProblem::kMalformed, &root, "a request handle without a request");
     }
+    // A write is compared by the rows it writes: those of its list.
+    if (const auto* write = RqDynCast<RqWrite>(request)) {
+        request = write->GetNumChildren() > 0 ? write->GetIthChild(0) : nullptr;
+        if (RqDynCast<RqAbstractList>(request) == nullptr)
+            Fail(SqlProblem::kMalformed, write, "a write without a list of rows to write");
+    }
     const auto* list = RqDynCast<RqAbstractList>(request);
     if (list == nullptr) {
         const SqlKindRole role = SqlKindFormOf(request->GetObjectType()).m_role;
@@ -20,7 +26,11 @@ std::string SqlWriter::Top(const RqNode& root) {
         Fail(request->IsExpr() ? SqlProblem::kNotSupported : SqlProblem::kNoSqlMeaning, request,
              KindName(request) + " is not a list of rows");
     }
-    return List(*list, nullptr);
+    // The named queries are written first: each may read those before it.
+    const std::string body = List(*list, nullptr);
+    if (m_namedQueries.empty())
+        return body;
+    return "WITH " + Join(m_namedQueries, ",\n") + "\n" + body;
 }
 
 std::string SqlWriter::List(const RqAbstractList& list, const Scope* outer) {
@@ -135,7 +145,13 @@ std::string SqlWriter::Member(const RqAbstractList& member, const Scope* outer) 
                         RowForRowSource(*block) == nullptr && !LimitApplies(member) &&
                         (block->GetGroupBy() == nullptr || !block->GetGroupBy()->IsGroupingSets());
     // A compound's members cannot carry ORDER BY or LIMIT, nor be compounds themselves.
-    return bPlain ? sql : "SELECT *\nFROM (\n" + Indent(sql) + "\n)";
+    return bPlain ? sql : Wrapped(sql, outer);
+}
+
+std::string SqlWriter::Wrapped(const std::string& sql, const Scope* outer) {
+    if (outer == nullptr)
+        return "SELECT *\nFROM " + Hoist("u" + std::to_string(m_namedQueries.size() + 1), sql);
+    return "SELECT *\nFROM (\n" + Indent(sql) + "\n)";
 }
 
 std::string SqlWriter::SetOperation(const RqAbstractList& op, bool bAll, const Scope* outer) {
@@ -163,10 +179,15 @@ std::string SqlWriter::SetOperation(const RqAbstractList& op, bool bAll, const S
         return bAll ? sql : "SELECT DISTINCT *\nFROM (\n" + Indent(sql) + "\n)";
     }
     if (op.IsKindOf(kRqUnion) || !bAll) {
+        // SQLite evaluates a compound from left to right, so a long chain read in runs, each
+        // run the first member of the next, means the same.
+        const std::string separator = "\n" + std::string(keyword) + (bAll ? " ALL\n" : "\n");
         std::string sql = Member(*members[0], outer);
-        for (size_t i = 1; i < members.size(); ++i)
-            sql +=
-                "\n" + std::string(keyword) + (bAll ? " ALL\n" : "\n") + Member(*members[i], outer);
+        for (size_t i = 1; i < members.size(); ++i) {
+            if (i % kMaxCompoundTerms == 0)
+                sql = Wrapped(sql, outer);
+            sql += separator + Member(*members[i], outer);
+        }
         return sql;
     }
     return CountedSetOperation(members, keyword, outer);

@@ -30,6 +30,9 @@ namespace sqlrender {
 // written by hand, and the check would not finish on them anyway.
 constexpr int kMaxListDepth = 200;
 constexpr int kMaxExprDepth = 2000;
+// SQLite refuses a compound of more than 500 SELECTs (a compile-time maximum that cannot be
+// raised at run time): longer chains are evaluated in runs of at most this many members.
+constexpr size_t kMaxCompoundTerms = 400;
 
 struct RenderFailure {
     SqlProblem m_problem;
@@ -173,6 +176,8 @@ private:
     std::string OrderTerms(const RqAbstractList& list, const std::vector<SqlSortKey>& keys);
     std::vector<std::string> ColumnNames(const RqAbstractList& list);
     std::string Member(const RqAbstractList& member, const Scope* outer);
+    // A member that cannot stand in a compound as it is, read from a named or nested query.
+    std::string Wrapped(const std::string& sql, const Scope* outer);
     std::string SetOperation(const RqAbstractList& op, bool bAll, const Scope* outer);
     std::string CountedSetOperation(const std::vector<const RqAbstractList*>& members,
                                     const char* keyword, const Scope* outer);
@@ -209,6 +214,7 @@ private:
     // ---- FROM (SQORSqlWriteFrom.cpp) -----------------------------------------------------
     std::string From(const RqJoinSpec& joinSpec, Scope& scope);
     static bool PreservesRightSide(const RqNode* side);
+    static bool IsJoin(const RqNode* side);
     void Register(const RqNode* side, Scope& scope,
                   std::unordered_map<const RqNode*, std::string>& aliases);
     std::string Side(const RqNode* side, const Scope& scope,
@@ -240,13 +246,25 @@ private:
 
     // ---- Names ----------------------------------------------------------------------------
     std::string NewAlias(const std::string& base);
+    // Makes `sql` a query of the statement's WITH clause and returns its name. SQLite's parser
+    // gives up after a few dozen nested subqueries; named queries cost no nesting, so a request
+    // nested a hundred derived tables deep is still one statement SQLite reads. Only a query
+    // that sees no enclosing block can move there.
+    std::string Hoist(const std::string& base, const std::string& sql);
 
     const ARpGateway* m_pRp;
     SqlRenderOptions m_options;
     std::vector<const RqAbstractList*>& m_orderDependent;
     std::set<std::string> m_aliases;
+    std::vector<std::string> m_namedQueries;  // "d1 AS (...)", in the order they may be read
     std::set<const RqAbstractList*> m_activeShared;
     int m_listDepth = 0;
+    size_t m_numConnectives = 0;
+
+public:
+    size_t GetNumConnectives() const { return m_numConnectives; }
+
+private:
     int m_exprDepth = 0;
     int m_breakFilterCount = 0;
     int m_aggrTableCount = 0;

@@ -21,6 +21,7 @@
 //     SqlRunResult original = check.Run(request);
 //     ... after each rule: check.Compare(original, check.Run(request)) ...
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -40,7 +41,15 @@ struct SqlCheckOptions {
     uint64_t m_seed = 1;
     uint32_t m_rows = 1000;          // rows of a full-size generated table
     uint32_t m_timeLimitMs = 10000;  // per statement
-    size_t m_maxReportedRows = 5;    // differing rows shown per side
+    // The whole check of one session (every statement it runs, the loading of its tables
+    // included): past it, what is left is "not comparable".
+    uint32_t m_totalTimeLimitMs = 60000;
+    // Statements larger than these are not run: SQLite's preparation alone would take longer
+    // than any limit (a balanced AND/OR of 40,000 conditions takes half a minute), and it
+    // cannot be interrupted.
+    size_t m_maxSqlBytes = 8u << 20;
+    size_t m_maxConnectives = 6000;
+    size_t m_maxReportedRows = 5;  // differing rows shown per side
 };
 
 // One request run on the check's data.
@@ -104,12 +113,18 @@ private:
     // Empty when the list's choice of rows is determined on the data, else why not.
     std::string CheckLimit(const RqAbstractList& list);
     std::string CheckBreakFilter(const RqBreakFilter& filter);
+    // Why a rendered statement is not run (too large, or out of time), else empty; gives the
+    // database the time the statement may take.
+    std::string Budget(const SqlRenderResult& rendered);
+    // Runs a query within the session's time; false with the error otherwise.
+    bool Query(const std::string& sql, SqlRows& rows, std::string& error);
 
     const ARpGateway* m_pRp;
     SqlCheckOptions m_options;
     std::unique_ptr<SqlDatabase> m_pDb;
     std::unique_ptr<SqlDataGenerator> m_pGenerator;
     std::set<std::string> m_loadedTables;
+    std::chrono::steady_clock::time_point m_deadline;
 };
 
 class SqlCheck {

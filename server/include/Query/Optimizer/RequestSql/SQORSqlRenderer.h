@@ -41,6 +41,9 @@ struct SqlRenderResult {
     // The lists whose rows depend on an order (a row limit or offset, a break filter), as
     // rendered: the check asks the data whether that order is total enough.
     std::vector<const RqAbstractList*> m_orderDependentLists;
+    // The ANDs and ORs written: the time SQLite takes to prepare a statement grows with the
+    // square of a condition's width, so the check bounds them.
+    size_t m_numConnectives = 0;
 
     bool IsOk() const { return m_problem == SqlProblem::kNone; }
     // "no SQL meaning at <path>: <reason>" (empty when the rendering succeeded).
