@@ -473,6 +473,23 @@ void SqlDataGenerator::MakeColumn(const std::string& tableName, const AColumn& c
 bool SqlDataGenerator::Load(SqlDatabase& db, const ATable& table, std::string& error) const {
     if (!db.Execute(CreateStatement(table), error))
         return false;
-    const size_t numColumns = std::max<size_t>(table.GetColumns().size(), 1);
-    return db.Insert(SqlRenderer::GetTableName(table), numColumns, MakeRows(table), error);
+    const std::string name = SqlRenderer::GetTableName(table);
+    const std::vector<RefAColumn> columns = table.GetColumns();
+    if (!db.Insert(name, std::max<size_t>(columns.size(), 1), MakeRows(table), error))
+        return false;
+    // The declared keys are indexed: requests look rows up and join by key, and a request of
+    // many blocks over one table would otherwise scan it once per block.
+    const KeyPositions keys = DeclaredKeys(table, columns);
+    for (size_t k = 0; k < keys.size(); ++k) {
+        std::vector<std::string> keyColumns;
+        for (size_t c : keys[k])
+            keyColumns.push_back(SqlRenderer::QuoteIdentifier(columns[c]->GetName().ToUtf8()));
+        std::string index = name.substr(0, name.size() - 1) + " key " + std::to_string(k) + "\"";
+        std::string sql = "CREATE INDEX " + index + " ON " + name + " (";
+        for (size_t i = 0; i < keyColumns.size(); ++i)
+            sql += (i == 0 ? "" : ", ") + keyColumns[i];
+        if (!db.Execute(sql + ")", error))
+            return false;
+    }
+    return true;
 }

@@ -61,9 +61,13 @@ std::string OrderTerm(const std::string& name, const SqlSortKey& key) {
 }
 
 std::string SqlWriter::NewAlias(const std::string& base) {
+    // The next suffix to try is kept per base: thousands of blocks each naming its t1 would
+    // otherwise try every suffix taken before.
     std::string alias = base;
-    for (int n = 2; !m_aliases.insert(alias).second; ++n)
-        alias = base + "_" + std::to_string(n);
+    int& next = m_nextSuffix[base];
+    next = std::max(next, 2);
+    while (!m_aliases.insert(alias).second)
+        alias = base + "_" + std::to_string(next++);
     return alias;
 }
 

@@ -256,6 +256,7 @@ private:
     SqlRenderOptions m_options;
     std::vector<const RqAbstractList*>& m_orderDependent;
     std::set<std::string> m_aliases;
+    std::unordered_map<std::string, int> m_nextSuffix;
     std::vector<std::string> m_namedQueries;  // "d1 AS (...)", in the order they may be read
     std::set<const RqAbstractList*> m_activeShared;
     int m_listDepth = 0;

@@ -6,9 +6,11 @@
 // The text is readable: one clause per line, nested queries indented, stable names. Tables
 // are named t<table number> (a repeated number gets a suffix), the columns a list produces
 // c<column number>; helper subqueries are a<n> (aggregates at another level), b<n> (break
-// filters) and q<n> (subqueries in expressions). Repository tables are SQLite tables named
-// by their qualified name as one identifier ("SalesDW.dw.ORDERS"), as the check's data
-// generator creates them.
+// filters) and q<n> (subqueries in expressions); derived tables and wrapped set operation
+// members are named queries of the statement's WITH clause, d<n> and u<n>, so that nesting
+// costs SQLite's parser nothing. Repository tables are SQLite tables named by their qualified
+// name as one identifier ("SalesDW.dw.ORDERS"), as the check's data generator creates them.
+// A write request is rendered as the rows it writes.
 
 #include <string>
 #include <string_view>
@@ -83,7 +85,9 @@ public:
     static std::string GetOrderTerm(const RqAbstractList& list, const SqlSortKey& key);
 
     // The SQLite table holding a repository table's rows: its qualified name (database,
-    // schema when it has one, table, joined by dots) quoted as one identifier.
+    // schema when it has one, table, joined by dots, a dot or backslash inside a part
+    // escaped with a backslash so that different tables never share a name) quoted as one
+    // identifier.
     static std::string GetTableName(const ATable& table);
     // A double-quoted identifier, inner quotes doubled.
     static std::string QuoteIdentifier(std::string_view name);
