@@ -165,6 +165,8 @@ TEST_P(SqlCheckAll, RulesKeepTheResult) {
             if (outcome.m_kind == SqlCheckOutcome::kNotComparable) {
                 ++g_tally.m_notComparable;
                 ++g_tally.m_hazards;
+                std::cout << "not comparable (known hazard): " << check.m_path << " (seed " << seed
+                          << "): " << outcome.m_reason << "\n";
             }
             continue;
         }

@@ -346,69 +346,88 @@ struct ColumnDraw {
     Random m_random;
     int64_t m_wordShift;
     bool m_bLargeOften;
+    // The wide values have a stream of their own: the narrow values, and with them the
+    // collisions and planted literals that requests are written against, stay where they were.
+    Random m_wide;
 
     int64_t Skewed(int64_t n) {
         const int64_t v = m_random.Skewed(n);
         return m_bLargeOften ? n - 1 - v : v;
     }
 
-    // A value of the kind: `key` when the column holds keys, else a skewed one, mostly from a
-    // narrow range where values collide and now and then from a wide one.
+    // A value of the kind: `key` when the column holds keys, else a skewed one from a narrow
+    // range where values collide, now and then replaced by one from a wide range.
     SqlValue Value(SqlDataGenerator::ValueKind kind, bool bKeyValue, int64_t key) {
-        if (kind == SqlDataGenerator::kText && bKeyValue)
-            return SqlValue::Text("K" + std::to_string(key));
-        if (bKeyValue && (kind == SqlDataGenerator::kInteger || kind == SqlDataGenerator::kReal))
-            return kind == SqlDataGenerator::kInteger ? SqlValue::Integer(key)
-                                                      : SqlValue::Real(static_cast<double>(key));
-        const bool bWide = kind != SqlDataGenerator::kBoolean && m_random.Chance(kWideChance);
+        SqlValue value = Narrow(kind, bKeyValue, key);
+        if (bKeyValue || !m_wide.Chance(kWideChance))
+            return value;
         switch (kind) {
             case SqlDataGenerator::kInteger:
-                return SqlValue::Integer(bWide ? WideInteger() : Skewed(12) - 2);
+                return SqlValue::Integer(WideInteger());
             case SqlDataGenerator::kReal:
-                // Quarters are exact in binary, and so are their products with powers of two
-                // up to 2^32: sums of a table's values stay exact, whatever the order of rows.
-                return SqlValue::Real(static_cast<double>(bWide ? WideInteger() : Skewed(40) - 6) *
-                                      0.25);
+                // Quarters of integers below 2^34 are exact in binary, and so are the sums of
+                // a table's values, whatever the order of rows.
+                return SqlValue::Real(static_cast<double>(WideInteger()) * 0.25);
             case SqlDataGenerator::kText:
-                return SqlValue::Text(bWide ? WideText()
-                                            : kWords[(m_random.Skewed(10) + m_wordShift) % 10]);
+                return SqlValue::Text(WideText());
             case SqlDataGenerator::kDate:
-                return SqlValue::Text(DateText(bKeyValue ? key : Day(bWide)));
-            case SqlDataGenerator::kTime:
-                return SqlValue::Text(TimeText(m_random.Skewed(24), m_random.Below(4) * 15));
+                return SqlValue::Text(DateText(WideDay()));
             case SqlDataGenerator::kTimestamp:
-                return SqlValue::Text(DateText(bKeyValue ? key : Day(bWide)) + " " +
-                                      TimeText(m_random.Skewed(24), m_random.Below(4) * 15));
+                // The narrow value's time of day stays.
+                return SqlValue::Text(DateText(WideDay()) + value.m_text.substr(10));
+            case SqlDataGenerator::kTime:
             case SqlDataGenerator::kBoolean:
                 break;
         }
-        return SqlValue::Integer(m_random.Below(2));
+        return value;
     }
 
-    // Negative and large numbers of every magnitude up to 2^32, so that ORDER BY and range
-    // conditions meet values that compare differently as text and as numbers.
+    SqlValue Narrow(SqlDataGenerator::ValueKind kind, bool bKeyValue, int64_t key) {
+        switch (kind) {
+            case SqlDataGenerator::kInteger:
+                return SqlValue::Integer(bKeyValue ? key : Skewed(12) - 2);
+            case SqlDataGenerator::kBoolean:
+                return SqlValue::Integer(m_random.Below(2));
+            case SqlDataGenerator::kReal:
+                // Quarters are exact in binary, so sums do not depend on the order of rows.
+                return SqlValue::Real(bKeyValue ? static_cast<double>(key)
+                                                : static_cast<double>(Skewed(40) - 6) * 0.25);
+            case SqlDataGenerator::kText:
+                return SqlValue::Text(bKeyValue ? "K" + std::to_string(key)
+                                                : kWords[(m_random.Skewed(10) + m_wordShift) % 10]);
+            case SqlDataGenerator::kDate:
+                return SqlValue::Text(DateText(bKeyValue ? key : m_random.Skewed(90)));
+            case SqlDataGenerator::kTime:
+                return SqlValue::Text(TimeText(m_random.Skewed(24), m_random.Below(4) * 15));
+            case SqlDataGenerator::kTimestamp:
+                return SqlValue::Text(DateText(bKeyValue ? key : m_random.Skewed(90)) + " " +
+                                      TimeText(m_random.Skewed(24), m_random.Below(4) * 15));
+        }
+        return SqlValue::Null();
+    }
+
+    // Negative and large numbers of every magnitude up to 2^33, so that ORDER BY and range
+    // conditions meet values of mixed magnitudes.
     int64_t WideInteger() {
-        const int64_t magnitude = int64_t{1} << m_random.Below(33);
-        const int64_t value = magnitude + m_random.Below(magnitude);
-        return m_random.Chance(0.5) ? -value : value;
+        const int64_t magnitude = int64_t{1} << m_wide.Below(33);
+        const int64_t value = magnitude + m_wide.Below(magnitude);
+        return m_wide.Chance(0.5) ? -value : value;
     }
 
-    // Long texts (longer than any index prefix) and texts beyond ASCII.
+    // Long texts and texts beyond ASCII.
     std::string WideText() {
-        if (m_random.Chance(0.5))
-            return kUnicodeWords[m_random.Below(std::size(kUnicodeWords))];
+        if (m_wide.Chance(0.5))
+            return kUnicodeWords[m_wide.Below(std::size(kUnicodeWords))];
         std::string text;
-        const int64_t length = 100 + m_random.Below(200);
+        const int64_t length = 100 + m_wide.Below(200);
         for (int64_t i = 0; i < length; ++i)
-            text += static_cast<char>('a' + m_random.Below(26));
+            text += static_cast<char>('a' + m_wide.Below(26));
         return text;
     }
 
-    // Days after the narrow quarter's first day: mostly within that quarter, now and then over
-    // several years around it (leap days, year ends and months of every length).
-    int64_t Day(bool bWide) {
-        return bWide ? m_random.Below(kWideDays) - kWideDaysBefore : m_random.Skewed(90);
-    }
+    // Days over several years around the narrow quarter (leap days, year ends, months of
+    // every length).
+    int64_t WideDay() { return m_wide.Below(kWideDays) - kWideDaysBefore; }
 };
 
 }  // namespace
@@ -443,7 +462,7 @@ void SqlDataGenerator::MakeColumn(const std::string& tableName, const AColumn& c
     // when the other is larger.
     const uint64_t shape = Random(Hash(m_options.m_seed, "shape:" + columnName)).Next();
     ColumnDraw draw{Random(Hash(m_options.m_seed, columnName)), static_cast<int64_t>(shape % 10),
-                    (shape >> 8) % 2 == 1};
+                    (shape >> 8) % 2 == 1, Random(Hash(m_options.m_seed, "wide:" + columnName))};
     Random& random = draw.m_random;
     const ValueKind kind = KindOf(column.GetDataType());
     const bool bKey = IsKeyLike(column.GetName());
