@@ -94,13 +94,9 @@ const char* const kWords[] = {"alpha", "beta",  "Gamma", "",     "alpha beta",
                               "ALPHA", "delta", "e%_z",  "zeta", "eta"};
 // Rarer texts: non-ASCII letters (which sort after every ASCII one and which NOCASE does not
 // fold), a combining accent, a letter outside the basic plane.
-const char* const kUnicodeWords[] = {"\xC3\xA9t\xC3\xA9",
-                                     "\xC3\x89T\xC3\x89",
-                                     "e\xCC\x81te",
-                                     "\xE6\x97\xA5\xE6\x9C\xAC",
-                                     "stra\xC3\x9F"
-                                     "e",
-                                     "\xF0\x9F\x98\x80 smile"};
+const char* const kUnicodeWords[] = {"\xC3\xA9t\xC3\xA9", "\xC3\x89T\xC3\x89",
+                                     "e\xCC\x81te",       "\xE6\x97\xA5\xE6\x9C\xAC",
+                                     "stra\303\237e",     "\xF0\x9F\x98\x80 smile"};
 
 // How often a value leaves the narrow ranges where values collide.
 constexpr double kWideChance = 0.15;

@@ -428,6 +428,15 @@ std::string SqlWriter::SubqueryList(const RqExpr& operand, const ExprEnv& env) {
     if (env.m_pBranch != nullptr && SubqueryReadsScope(operand, *env.m_pScope))
         Fail(SqlProblem::kNotSupported, &operand,
              "a correlated subquery in a block with grouping sets");
+    // A subquery that reads no enclosing row is a named query, so that a chain of them costs
+    // no nesting.
+    bool bCorrelated = false;
+    for (const Scope* scope = env.m_pScope; scope != nullptr && !bCorrelated;
+         scope = scope->m_pOuter)
+        bCorrelated = SubqueryReadsScope(operand, *scope);
+    if (!bCorrelated)
+        return "SELECT *\nFROM " + Hoist("s" + std::to_string(m_namedQueries.size() + 1),
+                                         List(*subquery->GetQuery(), nullptr));
     return List(*subquery->GetQuery(), env.m_pScope);
 }
 

@@ -6,11 +6,11 @@
 // The text is readable: one clause per line, nested queries indented, stable names. Tables
 // are named t<table number> (a repeated number gets a suffix), the columns a list produces
 // c<column number>; helper subqueries are a<n> (aggregates at another level), b<n> (break
-// filters) and q<n> (subqueries in expressions); derived tables and wrapped set operation
-// members are named queries of the statement's WITH clause, d<n> and u<n>, so that nesting
-// costs SQLite's parser nothing. Repository tables are SQLite tables named by their qualified
-// name as one identifier ("SalesDW.dw.ORDERS"), as the check's data generator creates them.
-// A write request is rendered as the rows it writes.
+// filters) and q<n> (subqueries in expressions); derived tables, wrapped set operation
+// members and subqueries that read no enclosing row are named queries of the statement's
+// WITH clause, d<n>, u<n> and s<n>, so that nesting costs SQLite's parser nothing. Repository
+// tables are SQLite tables named by their qualified name as one identifier ("SalesDW.dw.ORDERS"),
+// as the check's data generator creates them. A write request is rendered as the rows it writes.
 
 #include <string>
 #include <string_view>
