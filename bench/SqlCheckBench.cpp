@@ -20,6 +20,7 @@ const char* const kSamples[] = {
     "paging",           // a row limit and offset over an ordered join: its ties are checked
     "union-channels",   // a set operation of two sources
     "framework-join",   // joins of several tables
+    "write-summary",    // a write, compared by the rows it writes
 };
 
 std::string ReadText(const std::string& path) {
@@ -67,7 +68,7 @@ void BM_SqlCheckCompare(benchmark::State& state) {
     state.SetLabel(kSamples[state.range(0)]);
 }
 BENCHMARK(BM_SqlCheckCompare)
-    ->ArgsProduct({{0, 1, 2, 3}, {1000, 4000}})
+    ->ArgsProduct({{0, 1, 2, 3, 4}, {1000, 4000}})
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace
