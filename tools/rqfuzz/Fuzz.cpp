@@ -304,6 +304,11 @@ private:
                         ++m_unrendered;
                 }
             }
+            if (!verdict.m_undetermined.empty()) {
+                ++m_undeterminedByRule[verdict.m_undetermined];
+                if (m_undeterminedByRule[verdict.m_undetermined] <= kSavedUndetermined)
+                    Save(text, seed, verdict, verdict.m_undetermined, config);
+            }
             if (verdict.IsFailure()) {
                 ++m_failures;
                 const std::string rule = verdict.m_rule.empty() ? config.m_name : verdict.m_rule;
@@ -315,26 +320,32 @@ private:
             ++m_checked;
     }
 
+    // Writes the request with a header that says what failed and how to reduce it. A note
+    // (a result made undetermined) is not a failure of the verdict's kind.
     void Save(const std::string& text, uint64_t seed, const FuzzVerdict& verdict,
               const std::string& rule, const FuzzConfig& config) {
+        const bool bNote = !verdict.IsFailure() && verdict.m_kind != FuzzVerdict::kInvalid;
+        const std::string what =
+            bNote ? "result made undetermined" : FuzzVerdict::KindName(verdict.m_kind);
         std::error_code ec;
         std::filesystem::create_directories(m_outDir, ec);
-        const std::string path =
-            m_outDir + "/" + FileSafe(rule) + "-g" + std::to_string(seed) + ".rq";
+        const std::string path = m_outDir + "/" + (bNote ? "undetermined-" : "") + FileSafe(rule) +
+                                 "-g" + std::to_string(seed) + ".rq";
         std::string rules;
         for (const RuleSpec& spec : config.m_rules)
             rules += std::string(rules.empty() ? "" : ",") + spec.ToString();
         std::ofstream file(path);
-        file << "# rqfuzz: " << FuzzVerdict::KindName(verdict.m_kind) << " (" << rule
-             << ") on data seed " << verdict.m_seed << ", generator seed " << seed << "\n"
-             << "# reduce: rqreduce --rules " << rules << " --seed " << verdict.m_seed << " "
-             << path << "\n";
+        file << "# rqfuzz: " << what << " (" << rule << ") on data seed " << verdict.m_seed
+             << ", generator seed " << seed << "\n";
+        if (!bNote)
+            file << "# reduce: rqreduce --rules " << rules << " --seed " << verdict.m_seed << " "
+                 << path << "\n";
         std::istringstream detail(verdict.m_detail);
         std::string line;
         for (int i = 0; i < 12 && std::getline(detail, line); ++i)
             file << "#   " << line << "\n";
         file << text;
-        m_out << "FAIL " << FuzzVerdict::KindName(verdict.m_kind) << " " << rule << " (checking "
+        m_out << (bNote ? "NOTE " : "FAIL ") << what << " " << rule << " (checking "
               << config.m_name << ") generator seed " << seed << " data seed " << verdict.m_seed
               << ": " << path << "\n";
     }
@@ -358,6 +369,14 @@ private:
             line << "none";
         bool bFirst = true;
         for (const auto& [rule, n] : m_failuresByRule) {
+            line << (bFirst ? "" : ", ") << rule << "=" << n;
+            bFirst = false;
+        }
+        line << "; results made undetermined: ";
+        if (m_undeterminedByRule.empty())
+            line << "none";
+        bFirst = true;
+        for (const auto& [rule, n] : m_undeterminedByRule) {
             line << (bFirst ? "" : ", ") << rule << "=" << n;
             bFirst = false;
         }
@@ -385,7 +404,9 @@ private:
     bool m_bQuiet = false;
     std::string m_outDir;
     uint64_t m_count = 0, m_checked = 0, m_invalid = 0, m_failures = 0, m_unrendered = 0;
-    std::map<std::string, uint64_t> m_reasons, m_fired, m_failuresByRule;
+    std::map<std::string, uint64_t> m_reasons, m_fired, m_failuresByRule, m_undeterminedByRule;
+    // Undetermined results are a known hazard of some rules: a few examples of each are kept.
+    static constexpr uint64_t kSavedUndetermined = 5;
 };
 
 // ---- rqreduce

@@ -27,6 +27,18 @@ std::string RuleOfMessage(const std::string& err) {
     return err.substr(start, end - start);
 }
 
+// The first rule after which rqopt found the result no longer comparable.
+std::string UndeterminedBy(const std::string& out) {
+    std::istringstream lines(out);
+    std::string line;
+    while (std::getline(lines, line)) {
+        const size_t at = line.find(": not comparable");
+        if (line.rfind("# ", 0) == 0 && line.rfind("# as read", 0) != 0 && at != std::string::npos)
+            return line.substr(2, at - 2);
+    }
+    return "";
+}
+
 // The rules the diff of the run shows as having changed the request.
 void AddFired(const std::string& out, std::vector<std::string>& fired) {
     std::istringstream lines(out);
@@ -74,14 +86,15 @@ std::string Serialize(const FuzzVerdict& v) {
     for (const std::string& f : v.m_fired)
         fired += f + ",";
     return std::to_string(v.m_kind) + "\n" + v.m_rule + "\n" + std::to_string(v.m_seed) + "\n" +
-           fired + "\n" + (v.m_bRendered ? "1" : "0") + "\n" + v.m_detail;
+           fired + "\n" + (v.m_bRendered ? "1" : "0") + "\n" + v.m_undetermined + "\n" + v.m_detail;
 }
 
 bool Deserialize(const std::string& text, FuzzVerdict& v) {
     std::istringstream in(text);
     std::string kind, seed, fired, rendered;
     if (!std::getline(in, kind) || !std::getline(in, v.m_rule) || !std::getline(in, seed) ||
-        !std::getline(in, fired) || !std::getline(in, rendered))
+        !std::getline(in, fired) || !std::getline(in, rendered) ||
+        !std::getline(in, v.m_undetermined))
         return false;
     v.m_kind = static_cast<FuzzVerdict::Kind>(std::stoi(kind));
     v.m_seed = std::stoull(seed);
@@ -167,6 +180,8 @@ FuzzVerdict FuzzChecker::CheckInProcess(const std::string& text,
             continue;
         }
         bComparable = true;
+        if (verdict.m_undetermined.empty())
+            verdict.m_undetermined = UndeterminedBy(out.str());
     }
     verdict.m_kind = bComparable ? FuzzVerdict::kPass : FuzzVerdict::kNotComparable;
     if (!bComparable)
