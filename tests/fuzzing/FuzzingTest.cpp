@@ -204,6 +204,43 @@ TEST(Rqreduce, ACommandDecidesWhatFailureMeans) {
     EXPECT_EQ(out.str().find("where"), std::string::npos) << out.str();
 }
 
+TEST(Rqreduce, InlinesADerivedTableThatOnlyProjects) {
+    // The derived table must dissolve for the filter to name the column itself.
+    const std::string path = testing::TempDir() + "rqreduce-inline.rq";
+    std::ofstream(path) << "request {\n  list @outer {\n    select {\n      0: @inner.0\n"
+                           "      1: @inner.1\n    }\n    from {\n      derived t2 {\n"
+                           "        list @inner {\n          select {\n            0: t1.AMOUNT\n"
+                           "            1: t1.QUANTITY\n          }\n          from {\n"
+                           "            table SalesDW.dw.FACT_SALES t1\n          }\n        }\n"
+                           "      }\n    }\n    where Gt(@inner.0, 3)\n  }\n}\n";
+    // The failure: the request reads the sales and filters on their amount.
+    const std::string script = testing::TempDir() + "rqreduce-inline.sh";
+    std::ofstream(script)
+        << "grep -q FACT_SALES \"$1\" && grep -q 'Gt(t1.AMOUNT\\|Gt(@inner.0' \"$1\"\n";
+    std::ostringstream out, err;
+    ASSERT_EQ(RunRqreduce({"--command", "sh " + script, path}, out, err), kFuzzOk) << err.str();
+    EXPECT_EQ(out.str().find("derived"), std::string::npos) << out.str();
+    EXPECT_NE(out.str().find("where Gt(t1.AMOUNT, 3)"), std::string::npos) << out.str();
+}
+
+TEST(FuzzChecker, ARowLimitThatLosesItsOrderIsNotedNotFailed) {
+    // The derived block keeps its two largest sales; the rule keeps only the top ORDER BY, and
+    // without its own the limit is free to keep any two.
+    const std::string text =
+        "request {\n  list @top {\n    select {\n      0: @page.0\n    }\n    from {\n"
+        "      derived t2 {\n        list @page limit=2 {\n          select {\n"
+        "            0: t1.AMOUNT\n          }\n          from {\n"
+        "            table SalesDW.dw.FACT_SALES t1\n          }\n          orderby 0 desc\n"
+        "        }\n      }\n    }\n    orderby 0\n  }\n}\n";
+    FuzzCheckOptions options;
+    options.m_bIsolate = false;
+    const FuzzVerdict verdict =
+        FuzzChecker(options).Check(text, RuleRegistry::ParseRuleList("RemoveRedundantOrderBy"));
+    EXPECT_EQ(verdict.m_kind, FuzzVerdict::kPass) << verdict.m_detail;
+    EXPECT_EQ(verdict.m_undetermined, "RemoveRedundantOrderBy");
+    EXPECT_EQ(verdict.m_fired, std::vector<std::string>{"RemoveRedundantOrderBy"});
+}
+
 TEST(Rqreduce, RefusesARequestThatDoesNotFail) {
     const std::string path = testing::TempDir() + "rqreduce-fine.rq";
     std::ofstream(path) << "request {\n  list {\n    select {\n      0: 1\n    }\n  }\n}\n";
