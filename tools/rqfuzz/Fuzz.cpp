@@ -150,8 +150,13 @@ std::string ReasonBucket(std::string reason) {
     const std::string prefix = "the original request: ";
     if (reason.rfind(prefix, 0) == 0)
         reason = reason.substr(prefix.size());
-    // The kind of reason, without the values that make each one different.
-    size_t end = reason.find_first_of(":(0123456789\"'\n");
+    // The kind of reason, without the tree paths and values that make each one different.
+    const size_t path = reason.find(" at Rq");
+    if (path != std::string::npos) {
+        const size_t after = reason.find(": ", path);
+        reason = reason.substr(0, path) + (after == std::string::npos ? "" : reason.substr(after));
+    }
+    size_t end = reason.find_first_of("(0123456789\"'\n");
     if (end == std::string::npos)
         end = reason.size();
     reason = reason.substr(0, std::min<size_t>(end, 70));
@@ -298,10 +303,12 @@ private:
                              verdict.m_kind == FuzzVerdict::kDifferent)) {
                 bJudged = true;
                 bComparable = verdict.m_kind != FuzzVerdict::kNotComparable;
+                m_empty += verdict.m_bEmpty;
                 if (!bComparable) {
                     ++m_reasons[ReasonBucket(verdict.m_detail)];
-                    if (!verdict.m_bRendered)
-                        ++m_unrendered;
+                    // A request that does not render is the generator's to fix: keep a few.
+                    if (!verdict.m_bRendered && ++m_unrendered <= kSavedUndetermined)
+                        Save(text, seed, verdict, "unrendered", config);
                 }
             }
             if (!verdict.m_undetermined.empty()) {
@@ -325,12 +332,17 @@ private:
     void Save(const std::string& text, uint64_t seed, const FuzzVerdict& verdict,
               const std::string& rule, const FuzzConfig& config) {
         const bool bNote = !verdict.IsFailure() && verdict.m_kind != FuzzVerdict::kInvalid;
-        const std::string what =
-            bNote ? "result made undetermined" : FuzzVerdict::KindName(verdict.m_kind);
+        const bool bUnrendered = verdict.m_kind == FuzzVerdict::kNotComparable;
+        const std::string what = bUnrendered ? "did not render"
+                                 : bNote     ? "result made undetermined"
+                                             : FuzzVerdict::KindName(verdict.m_kind);
         std::error_code ec;
         std::filesystem::create_directories(m_outDir, ec);
-        const std::string path = m_outDir + "/" + (bNote ? "undetermined-" : "") + FileSafe(rule) +
-                                 "-g" + std::to_string(seed) + ".rq";
+        const std::string path = m_outDir + "/" +
+                                 (bUnrendered ? ""
+                                  : bNote     ? "undetermined-"
+                                              : "") +
+                                 FileSafe(rule) + "-g" + std::to_string(seed) + ".rq";
         std::string rules;
         for (const RuleSpec& spec : config.m_rules)
             rules += std::string(rules.empty() ? "" : ",") + spec.ToString();
@@ -353,8 +365,9 @@ private:
     void PrintSummary() {
         std::ostringstream line;
         line << "rqfuzz: " << m_count << " requests, " << m_checked << " checked (" << std::fixed
-             << std::setprecision(1) << Percent(m_checked) << "%), "
-             << m_count - m_checked - m_invalid << " not comparable";
+             << std::setprecision(1) << Percent(m_checked) << "%, " << m_empty
+             << " of them with an empty result), " << m_count - m_checked - m_invalid
+             << " not comparable";
         if (!m_reasons.empty()) {
             line << " (";
             bool bFirst = true;
@@ -403,7 +416,8 @@ private:
     bool m_bUnlimited = false;
     bool m_bQuiet = false;
     std::string m_outDir;
-    uint64_t m_count = 0, m_checked = 0, m_invalid = 0, m_failures = 0, m_unrendered = 0;
+    uint64_t m_count = 0, m_checked = 0, m_invalid = 0, m_failures = 0, m_unrendered = 0,
+             m_empty = 0;
     std::map<std::string, uint64_t> m_reasons, m_fired, m_failuresByRule, m_undeterminedByRule;
     // Undetermined results are a known hazard of some rules: a few examples of each are kept.
     static constexpr uint64_t kSavedUndetermined = 5;

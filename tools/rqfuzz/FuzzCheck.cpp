@@ -86,7 +86,8 @@ std::string Serialize(const FuzzVerdict& v) {
     for (const std::string& f : v.m_fired)
         fired += f + ",";
     return std::to_string(v.m_kind) + "\n" + v.m_rule + "\n" + std::to_string(v.m_seed) + "\n" +
-           fired + "\n" + (v.m_bRendered ? "1" : "0") + "\n" + v.m_undetermined + "\n" + v.m_detail;
+           fired + "\n" + (v.m_bRendered ? "1" : "0") + (v.m_bEmpty ? "1" : "0") + "\n" +
+           v.m_undetermined + "\n" + v.m_detail;
 }
 
 bool Deserialize(const std::string& text, FuzzVerdict& v) {
@@ -98,7 +99,8 @@ bool Deserialize(const std::string& text, FuzzVerdict& v) {
         return false;
     v.m_kind = static_cast<FuzzVerdict::Kind>(std::stoi(kind));
     v.m_seed = std::stoull(seed);
-    v.m_bRendered = rendered == "1";
+    v.m_bRendered = rendered.size() == 2 && rendered[0] == '1';
+    v.m_bEmpty = rendered.size() == 2 && rendered[1] == '1';
     std::istringstream names(fired);
     std::string name;
     while (std::getline(names, name, ','))
@@ -141,6 +143,7 @@ FuzzVerdict FuzzChecker::CheckInProcess(const std::string& text,
     FuzzVerdict verdict;
     std::string notComparable;
     bool bComparable = false;
+    bool bRows = false;
     for (uint64_t seed : m_options.m_seeds) {
         RqoptOptions options;
         options.m_input = "-";
@@ -180,10 +183,12 @@ FuzzVerdict FuzzChecker::CheckInProcess(const std::string& text,
             continue;
         }
         bComparable = true;
+        bRows = bRows || out.str().find("# as read: 0 rows") == std::string::npos;
         if (verdict.m_undetermined.empty())
             verdict.m_undetermined = UndeterminedBy(out.str());
     }
     verdict.m_kind = bComparable ? FuzzVerdict::kPass : FuzzVerdict::kNotComparable;
+    verdict.m_bEmpty = bComparable && !bRows;
     if (!bComparable)
         verdict.m_detail = notComparable;
     return verdict;

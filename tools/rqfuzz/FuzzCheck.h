@@ -31,6 +31,9 @@ struct FuzzVerdict {
     std::string m_detail;              // the report, or why the request was not comparable
     std::vector<std::string> m_fired;  // the rules that changed the request
     bool m_bRendered = true;           // whether the request as read rendered to SQL
+    // Whether the request as read returned no row on every seed it was compared on: such a
+    // check shows little, and many of them mean the generator's filters are too strict.
+    bool m_bEmpty = false;
     // A rule after which a determined result became undetermined (a row limit or a break
     // filter that lost the order that chose its rows): not a wrong result on the data at
     // hand, but a result the engine may pick differently; reported apart from failures.

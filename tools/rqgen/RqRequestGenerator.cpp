@@ -375,14 +375,18 @@ private:
     std::string Cond(const GenScope& scope, int depth, bool bSubqueries) {
         const int roll = static_cast<int>(Pick(100));
         if (depth < 2 && roll < 22) {
-            const char* op = Chance(55) ? "And" : "Or";
+            // Or more often than And: a conjunction of random comparisons keeps few rows, and a
+            // check over an empty result shows little.
+            const char* op = Chance(40) ? "And" : "Or";
             return std::string(op) + "(" + Cond(scope, depth + 1, bSubqueries) + ", " +
                    Cond(scope, depth + 1, bSubqueries) + ")";
         }
         if (depth < 2 && roll < 28)
             return "Not(" + Cond(scope, depth + 1, bSubqueries) + ")";
-        if (roll < 36)
-            return "IsNull(" + Value(scope, ScopeType(scope), 1) + ")";
+        if (roll < 36) {
+            const std::string test = "IsNull(" + Value(scope, ScopeType(scope), 1) + ")";
+            return Chance(50) ? "Not(" + test + ")" : test;
+        }
         if (roll < 44) {
             const GenType type = ScopeType(scope);
             std::string text = "In(" + Value(scope, type, 1);
