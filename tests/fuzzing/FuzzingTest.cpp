@@ -6,8 +6,10 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 
+#include "BuiltinCatalog.h"
 #include "Fuzz.h"
 #include "FuzzCheck.h"
 #include "Platform/Repository.h"
@@ -126,6 +128,28 @@ TEST(RequestGenerator, EveryRequestReadsVerifiesAndRenders) {
     EXPECT_GE(comparable, 120u);
 }
 
+// The weights keep every shape the rules act on in the stream: a change that starves one of
+// them makes the campaigns blind to it.
+TEST(RequestGenerator, CoversTheShapesTheRulesActOn) {
+    const RqCatalog catalog = RqCatalogText::Read(RqoptBuiltinCatalog(), "sample");
+    RqRequestGenerator generator(*catalog.m_pRepository);
+    const std::vector<std::string> shapes = {
+        "join inner",  "join left", "join right",      "join full",   "derived",
+        "union",       "intersect", "except",          "breakfilter", "Exists(Subquery(",
+        ", Subquery(", "groupby",   "having",          "summary",     "by=(",
+        "distinct",    "limit=",    "offset=",         "IfCase(",     "Not(",
+        "Or(",         "orderby",   "[target=engine]", "at=CrmDB"};
+    std::map<std::string, int> seen;
+    const int requests = 300;
+    for (int seed = 1; seed <= requests; ++seed) {
+        const std::string text = generator.Generate(static_cast<uint64_t>(seed));
+        for (const std::string& shape : shapes)
+            seen[shape] += text.find(shape) != std::string::npos;
+    }
+    for (const std::string& shape : shapes)
+        EXPECT_GE(seen[shape], requests * 3 / 100) << shape;
+}
+
 TEST(Rqfuzz, ShortRunOverTheRegisteredRulesPasses) {
     const FuzzOutput run =
         Fuzz({"--requests", "300", "--quiet", "--check-seeds", "1", "--out", TempDir("short")});
@@ -239,6 +263,25 @@ TEST(FuzzChecker, ARowLimitThatLosesItsOrderIsNotedNotFailed) {
     EXPECT_EQ(verdict.m_kind, FuzzVerdict::kPass) << verdict.m_detail;
     EXPECT_EQ(verdict.m_undetermined, "RemoveRedundantOrderBy");
     EXPECT_EQ(verdict.m_fired, std::vector<std::string>{"RemoveRedundantOrderBy"});
+}
+
+TEST(Rqreduce, KeepsTheMemberAndDropsTheFlagsThatDoNotMatter) {
+    // The failure lies in the second member's filter: the union, the first member, the
+    // row limit and DISTINCT all go.
+    const std::string path = testing::TempDir() + "rqreduce-member.rq";
+    std::ofstream(path)
+        << "request {\n  union @u all {\n"
+           "    list @a distinct limit=3 {\n      select {\n        0: t1.AMOUNT\n"
+           "      }\n      from {\n        table SalesDW.dw.FACT_SALES t1\n      }\n"
+           "      orderby 0 desc\n    }\n"
+           "    list @b distinct {\n      select {\n        0: t2.QUANTITY\n      }\n"
+           "      from {\n        table SalesDW.dw.FACT_SALES t2\n      }\n"
+           "      where Ge(t2.QUANTITY, 2)\n    }\n  }\n}\n";
+    std::ostringstream out, err;
+    ASSERT_EQ(RunRqreduce({"--command", "grep -q 'Ge('", path}, out, err), kFuzzOk) << err.str();
+    for (const char* gone : {"union", "@a", "limit=", "distinct", "AMOUNT"})
+        EXPECT_EQ(out.str().find(gone), std::string::npos) << gone << "\n" << out.str();
+    EXPECT_LE(RequestReducer::CountLines(out.str()), 7u) << out.str();
 }
 
 TEST(Rqreduce, RefusesARequestThatDoesNotFail) {
