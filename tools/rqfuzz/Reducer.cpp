@@ -97,6 +97,10 @@ Item& At(Item& root, const Path& path) {
     return *item;
 }
 
+const Item& At(const Item& root, const Path& path) {
+    return At(const_cast<Item&>(root), path);
+}
+
 std::string FirstWord(const std::string& line) {
     const std::string t = Trimmed(line);
     size_t end = 0;
@@ -252,8 +256,7 @@ void LineEdits(const std::string& line, std::vector<std::string>& out) {
         size_t k = j + 1;
         while (k < line.size() && IsIdent(line[k]))
             ++k;
-        if (k == j + 1 ||
-            (k < line.size() && line[k] == ' ' && !bDerived && line.compare(0, 5, "table") == 0))
+        if (k == j + 1)
             continue;
         if (Trimmed(line).rfind("table ", 0) == 0 || Trimmed(line).rfind("derived ", 0) == 0)
             continue;
@@ -415,7 +418,7 @@ std::vector<std::string> Candidates(const std::string& text) {
     }
     // A block replaced by one nested in it.
     for (const Path& p : paths) {
-        const Item& item = At(const_cast<Item&>(root), p);
+        const Item& item = At(root, p);
         const std::string word = FirstWord(item.m_head);
         const bool bList = IsListHead(word);
         if (!item.m_bBlock || (!bList && !IsFromHead(word)))
@@ -446,7 +449,7 @@ std::vector<std::string> Candidates(const std::string& text) {
     }
     // Heads and lines.
     for (const Path& p : paths) {
-        const Item& item = At(const_cast<Item&>(root), p);
+        const Item& item = At(root, p);
         std::vector<std::string> lines;
         HeadEdits(item.m_head, lines);
         if (!item.m_bBlock)

@@ -130,14 +130,14 @@ private:
     GenList ListNode(int indent, int depth, const std::vector<GenType>* wanted,
                      const GenScope* outer, bool bTop) {
         if (depth < m_options.m_maxDepth && outer == nullptr && Chance(m_options.m_setOperation))
-            return SetOperation(indent, depth, wanted, bTop);
+            return SetOperation(indent, depth, wanted);
         if (depth < m_options.m_maxDepth && outer == nullptr && wanted == nullptr &&
             Chance(m_options.m_breakFilter))
-            return BreakFilter(indent, depth, bTop);
+            return BreakFilter(indent, depth);
         return Block(indent, depth, wanted, outer, bTop, false);
     }
 
-    GenList SetOperation(int indent, int depth, const std::vector<GenType>* wanted, bool bTop) {
+    GenList SetOperation(int indent, int depth, const std::vector<GenType>* wanted) {
         static const char* const kOps[] = {"union", "union", "intersect", "except"};
         const std::string op = kOps[Pick(4)];
         GenList result;
@@ -154,9 +154,6 @@ private:
             body += next.m_text;
         }
         std::string head = Pad(indent) + op + " @" + result.m_label + (bAll ? " all" : "");
-        // A limit over a set operation is never determined (it has no order); at the top the
-        // whole result is compared anyway.
-        (void)bTop;
         result.m_text = head + " {\n" + body + Pad(indent) + "}\n";
         result.m_types = first.m_types;
         // A set operation exposes its first member's columns: references name that list.
@@ -164,7 +161,7 @@ private:
         return result;
     }
 
-    GenList BreakFilter(int indent, int depth, bool bTop) {
+    GenList BreakFilter(int indent, int depth) {
         // The inner block orders every column, so the row kept for each break value is the
         // first of a total order and the result is determined.
         GenList inner = Block(indent + 1, depth + 1, nullptr, nullptr, false, true);
@@ -175,7 +172,6 @@ private:
         std::string cols = "0";
         if (inner.m_types.size() > 2 && Chance(40))
             cols += ", 1";
-        (void)bTop;
         result.m_text = Pad(indent) + "breakfilter @" + result.m_label + " cols=(" + cols +
                         ") {\n" + inner.m_text + Pad(indent) + "}\n";
         // References name the inner list, whose columns the break filter exposes.
