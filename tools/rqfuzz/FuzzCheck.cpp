@@ -144,6 +144,7 @@ FuzzVerdict FuzzChecker::CheckInProcess(const std::string& text,
     std::string notComparable;
     bool bComparable = false;
     bool bRows = false;
+    uint64_t undeterminedSeed = 0;
     for (uint64_t seed : m_options.m_seeds) {
         RqoptOptions options;
         options.m_input = "-";
@@ -184,11 +185,17 @@ FuzzVerdict FuzzChecker::CheckInProcess(const std::string& text,
         }
         bComparable = true;
         bRows = bRows || out.str().find("# as read: 0 rows") == std::string::npos;
-        if (verdict.m_undetermined.empty())
+        if (verdict.m_undetermined.empty()) {
             verdict.m_undetermined = UndeterminedBy(out.str());
+            if (!verdict.m_undetermined.empty())
+                undeterminedSeed = seed;
+        }
     }
     verdict.m_kind = bComparable ? FuzzVerdict::kPass : FuzzVerdict::kNotComparable;
     verdict.m_bEmpty = bComparable && !bRows;
+    // A note names the seed it was seen on, so that it can be reproduced.
+    if (!verdict.m_undetermined.empty())
+        verdict.m_seed = undeterminedSeed;
     if (!bComparable)
         verdict.m_detail = notComparable;
     return verdict;
