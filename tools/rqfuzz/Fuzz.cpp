@@ -159,7 +159,7 @@ std::string ReasonBucket(std::string reason) {
     size_t end = reason.find_first_of("(0123456789\"'\n");
     if (end == std::string::npos)
         end = reason.size();
-    reason = reason.substr(0, std::min<size_t>(end, 70));
+    reason = reason.substr(0, std::min<size_t>(end, 110));
     while (!reason.empty() && (reason.back() == ' ' || reason.back() == ','))
         reason.pop_back();
     return reason.empty() ? "unknown" : reason;

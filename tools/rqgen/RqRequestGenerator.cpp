@@ -434,6 +434,9 @@ private:
     struct Aggregation {
         std::vector<std::string> m_group;  // GROUP BY expressions
         bool m_bGroupBy = false;
+        // A subquery's block: an aggregate at a level of its own there has no SQL form when
+        // the block reads the enclosing block's columns.
+        bool m_bSubquery = false;
     };
 
     std::string Aggregate(const GenScope& scope, GenType type, const Aggregation& agg) {
@@ -454,7 +457,7 @@ private:
         if (!bStar && Chance(15))
             fields.push_back("distinct");
         // A by-list coarser than the block's grouping: a window of the grouped rows.
-        if (agg.m_bGroupBy && Chance(20)) {
+        if (agg.m_bGroupBy && !agg.m_bSubquery && Chance(20)) {
             std::vector<std::string> by;
             for (const std::string& g : agg.m_group)
                 if (Chance(50))
@@ -515,6 +518,7 @@ private:
 
         // Grouping.
         Aggregation agg;
+        agg.m_bSubquery = outer != nullptr;
         std::vector<GenColumn> groupColumns;
         const bool bGrouped = Chance(m_options.m_grouping) && !bTotalOrder;
         if (bGrouped) {
