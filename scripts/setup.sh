@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs, from Debian's packages, whatever the build needs and the machine lacks.
 set -euo pipefail
-packages=(cmake g++ make ninja-build libgtest-dev libbenchmark-dev libsqlite3-dev clang-format clang-tidy)
+packages=(cmake g++ make ninja-build libgtest-dev libbenchmark-dev libsqlite3-dev clang-format clang-tidy clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -126,3 +126,63 @@ TEST(RqoptRun, TimingGoesToStandardErrorAndLeavesTheOutputAlone) {
 }
 
 }  // namespace
+
+// ---- Inputs and outputs that are not what they seem -----------------------------------------
+
+// A stream buffer that refuses every write, as a full disk or a closed descriptor does.
+class UnwritableBuffer : public std::streambuf {
+protected:
+    int_type overflow(int_type) override { return traits_type::eof(); }
+    std::streamsize xsputn(const char*, std::streamsize) override { return 0; }
+};
+
+const char* const kSmallRequest = "request { list { select { 0: 1 } } }\n";
+
+TEST(RqoptInputOutput, OutputThatCannotBeWrittenFailsTheRun) {
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"-"}, {"--version"}, {"--list-rules"}}) {
+        UnwritableBuffer sink;
+        std::ostream out(&sink);
+        std::istringstream in(kSmallRequest);
+        std::ostringstream err;
+        EXPECT_NE(RunRqopt(args, in, out, err), kRqoptOk) << args[0];
+        EXPECT_NE(err.str().find("cannot write"), std::string::npos) << err.str();
+    }
+}
+
+TEST(RqoptInputOutput, UnreadableInputsSayWhatIsWrong) {
+    const std::string directory = RQ_SOURCE_DIR "/examples";
+    const Result catalogDir = RunTool({"--catalog", directory, "-"}, kSmallRequest);
+    EXPECT_EQ(catalogDir.m_status, kRqoptUsage);
+    EXPECT_NE(catalogDir.m_err.find("is a directory"), std::string::npos) << catalogDir.m_err;
+    const Result requestDir = RunTool({directory});
+    EXPECT_EQ(requestDir.m_status, kRqoptUsage);
+    EXPECT_NE(requestDir.m_err.find("is a directory"), std::string::npos) << requestDir.m_err;
+    // An empty catalog name would otherwise mean the built-in catalog.
+    const Result emptyCatalog = RunTool({"--catalog", "", "-"}, kSmallRequest);
+    EXPECT_EQ(emptyCatalog.m_status, kRqoptUsage);
+    EXPECT_NE(emptyCatalog.m_err.find("--catalog"), std::string::npos) << emptyCatalog.m_err;
+    // A standard input that cannot be read (closed) is not an empty request.
+    std::istringstream closed(kSmallRequest);
+    closed.setstate(std::ios::badbit);
+    std::ostringstream out, err;
+    EXPECT_EQ(RunRqopt({"-"}, closed, out, err), kRqoptUsage);
+    EXPECT_NE(err.str().find("cannot read the standard input"), std::string::npos) << err.str();
+}
+
+TEST(RqoptInputOutput, NodePathsInMessagesStayShort) {
+    // A request nested hundreds of blocks deep that the check cannot run names the node it
+    // stopped at by a path; the message keeps it to a readable length.
+    std::string text = "request {";
+    const int depth = 300;
+    for (int i = 0; i < depth; ++i)
+        text += " list { select { 0: 1 } from { derived t" + std::to_string(i) + " {";
+    text += " list { select { 0: Pi() } }";
+    for (int i = 0; i < depth; ++i)
+        text += " } } }";
+    text += " }\n";
+    const Result result = RunTool({"--pipeline", "none", "--sql", "-"}, text);
+    std::istringstream lines(result.m_out + result.m_err);
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_LT(line.size(), 2000u) << line.substr(0, 200);
+}

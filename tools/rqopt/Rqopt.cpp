@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
@@ -43,20 +44,39 @@ public:
     ~ServerFlagsReset() { SUCompatFlag::Reset(); }
 };
 
+// Reads a whole stream, refusing more than the text formats accept so that a huge input is
+// not held in memory only to be refused.
+bool ReadAll(std::istream& in, const std::string& what, std::string& text, std::string& error) {
+    text.clear();
+    char buffer[64 * 1024];
+    while (in) {
+        in.read(buffer, sizeof buffer);
+        text.append(buffer, static_cast<size_t>(in.gcount()));
+        if (text.size() > kRqTextMaxInputBytes) {
+            error = "cannot read " + what + ": it is larger than the " +
+                    std::to_string(kRqTextMaxInputBytes / (1024 * 1024)) + " MiB an input may have";
+            return false;
+        }
+    }
+    if (in.bad()) {
+        error = "cannot read " + what;
+        return false;
+    }
+    return true;
+}
+
 bool ReadWholeFile(const std::string& path, std::string& text, std::string& error) {
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec)) {
+        error = "cannot read '" + path + "': it is a directory";
+        return false;
+    }
     std::ifstream file(path, std::ios::binary);
     if (!file) {
         error = "cannot read '" + path + "': " + std::strerror(errno);
         return false;
     }
-    std::ostringstream content;
-    content << file.rdbuf();
-    if (file.bad()) {
-        error = "cannot read '" + path + "'";
-        return false;
-    }
-    text = content.str();
-    return true;
+    return ReadAll(file, "'" + path + "'", text, error);
 }
 
 // How many columns the request returns: those of its outermost list, wherever the request
@@ -228,9 +248,10 @@ private:
         std::string name = m_options.m_input;
         if (name == "-") {
             name = "<stdin>";
-            std::ostringstream content;
-            content << m_in.rdbuf();
-            text = content.str();
+            std::string error;
+            // A closed standard input arrives as a stream already in error (see main).
+            if (m_in.bad() || !ReadAll(m_in, "the standard input", text, error))
+                return InputError(error.empty() ? "cannot read the standard input" : error);
         } else {
             std::string error;
             if (!ReadWholeFile(name, text, error))
@@ -467,6 +488,20 @@ private:
 
 }  // namespace
 
+namespace {
+
+// Output that could not be written (a full disk, a closed standard output) is a failure of
+// the run, however well the rules went: whoever reads the output would see a truncated one.
+int FinishOutput(std::ostream& out, std::ostream& err, int status) {
+    out.flush();
+    if (!out.fail())
+        return status;
+    err << "rqopt: cannot write the output: " << std::strerror(errno) << "\n";
+    return status == kRqoptOk ? kRqoptOutputFailed : status;
+}
+
+}  // namespace
+
 int RunRqopt(const std::vector<std::string>& args, std::istream& in, std::ostream& out,
              std::ostream& err) {
     RqoptOptions options;
@@ -477,15 +512,15 @@ int RunRqopt(const std::vector<std::string>& args, std::istream& in, std::ostrea
     }
     if (options.m_bHelp) {
         PrintRqoptHelp(out);
-        return kRqoptOk;
+        return FinishOutput(out, err, kRqoptOk);
     }
     if (options.m_bVersion) {
         out << "rqopt " << RQ_VERSION << "\n";
-        return kRqoptOk;
+        return FinishOutput(out, err, kRqoptOk);
     }
     if (options.m_bListRules) {
         PrintRqoptRuleList(out, options.m_bMarkdown);
-        return kRqoptOk;
+        return FinishOutput(out, err, kRqoptOk);
     }
     std::vector<RuleSpec> rules;
     size_t uncut = 0;
@@ -493,12 +528,14 @@ int RunRqopt(const std::vector<std::string>& args, std::istream& in, std::ostrea
         err << "rqopt: " << error << "\n";
         return kRqoptUsage;
     }
-    return RqoptRun(options, in, out, err, nullptr).Execute(rules, uncut);
+    const int status = RqoptRun(options, in, out, err, nullptr).Execute(rules, uncut);
+    return FinishOutput(out, err, status);
 }
 
 int RunRqoptWith(const RqoptOptions& options, const std::vector<RuleSpec>& rules, std::istream& in,
                  std::ostream& out, std::ostream& err, RqoptCheckResult* pCheck) {
     if (pCheck != nullptr)
         *pCheck = RqoptCheckResult();
-    return RqoptRun(options, in, out, err, pCheck).Execute(rules, rules.size());
+    const int status = RqoptRun(options, in, out, err, pCheck).Execute(rules, rules.size());
+    return FinishOutput(out, err, status);
 }

@@ -19,7 +19,8 @@ enum RqoptExit {
     // A rule raised an error or (checked after each rule) broke the tree, or the differential
     // check found that the rules changed the request's result.
     kRqoptRuleFailed = 1,
-    kRqoptUsage = 2,  // bad command line, unreadable or malformed input
+    kRqoptUsage = 2,         // bad command line, unreadable or malformed input
+    kRqoptOutputFailed = 3,  // the output could not be written
 };
 
 // The most rows --rows accepts: more makes a join of a few tables take minutes, not seconds.

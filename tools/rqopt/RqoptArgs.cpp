@@ -87,6 +87,11 @@ bool ParseNumber(const std::string& text, uint64_t minimum, uint64_t maximum, ui
 bool ApplyOption(const std::string& name, const std::string& value, RqoptOptions& options,
                  std::string& error) {
     if (name == "--catalog") {
+        // Empty would silently mean the built-in catalog, which the user did not ask for.
+        if (value.empty()) {
+            error = "--catalog needs a file name (leave the option out for the built-in catalog)";
+            return false;
+        }
         options.m_catalog = value;
     } else if (name == "--rules") {
         options.m_ruleLists.push_back(value);

@@ -102,6 +102,24 @@ ZKString RqNodeUtility::GetPath(const RqNode* node) {
     return path;
 }
 
+ZKString RqNodeUtility::AbbreviatePath(const ZKString& path, int maxSteps) {
+    const std::wstring& text = path;
+    std::vector<size_t> slashes;
+    for (size_t i = 0; i < text.size(); ++i)
+        if (text[i] == L'/')
+            slashes.push_back(i);
+    constexpr int kHead = 2;
+    constexpr int kTail = 4;
+    const int steps = static_cast<int>(slashes.size()) + 1;
+    if (steps <= maxSteps || steps <= kHead + kTail + 1)
+        return path;
+    const size_t headEnd = slashes[kHead - 1];
+    const size_t tailStart = slashes[slashes.size() - kTail];
+    const int left = steps - kHead - kTail;
+    return ZKString(text.substr(0, headEnd) + L"/...(" + std::to_wstring(left) + L" more)..." +
+                    text.substr(tailStart));
+}
+
 // ---- Expressions ----------------------------------------------------------------------------
 
 const RqExpr* SubExprFinder::FindEquivalentSubExpr(const RqExpr* root, const RqExpr& pattern) {

@@ -15,7 +15,7 @@
 namespace {
 
 std::string Where(const RqNode& node) {
-    return RqNodeUtility::GetPath(&node).ToUtf8();
+    return RqNodeUtility::AbbreviatePath(RqNodeUtility::GetPath(&node)).ToUtf8();
 }
 
 // ---- Values ------------------------------------------------------------------------------------

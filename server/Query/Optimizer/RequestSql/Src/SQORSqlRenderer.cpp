@@ -177,7 +177,8 @@ const char* SqlRenderResult::ProblemName(SqlProblem problem) {
 std::string SqlRenderResult::Describe() const {
     if (IsOk())
         return std::string();
-    return std::string(ProblemName(m_problem)) + " at " + m_path.ToUtf8() + ": " + m_reason;
+    return std::string(ProblemName(m_problem)) + " at " +
+           RqNodeUtility::AbbreviatePath(m_path).ToUtf8() + ": " + m_reason;
 }
 
 // ---- SqlRenderer -------------------------------------------------------------------------------

@@ -98,25 +98,23 @@ private:
     int m_column = 1;
 };
 
-// Cuts the text into tokens, one kind of token per function.
-class Scanner {
+}  // namespace
+
+// Cuts the text into tokens, one at a time and one kind of token per function.
+class RqTextScanner {
 public:
-    Scanner(std::string_view text, const std::string& fileName)
+    RqTextScanner(std::string_view text, const std::string& fileName)
         : m_cur(text), m_fileName(fileName) {}
 
-    void Run(std::vector<RqToken>& tokens) {
-        while (true) {
-            SkipBlanksAndComments();
-            RqToken tok;
-            tok.m_line = m_cur.Line();
-            tok.m_column = m_cur.Column();
-            if (m_cur.AtEnd()) {
-                tokens.push_back(tok);
-                return;
-            }
+    // The next token; the end of input once the text is used up, as often as asked.
+    RqToken Scan() {
+        SkipBlanksAndComments();
+        RqToken tok;
+        tok.m_line = m_cur.Line();
+        tok.m_column = m_cur.Column();
+        if (!m_cur.AtEnd())
             ScanToken(tok);
-            tokens.push_back(std::move(tok));
-        }
+        return tok;
     }
 
 private:
@@ -284,40 +282,58 @@ private:
     const std::string& m_fileName;
 };
 
+namespace {
+
+// The encoding signature some editors put at the start of a UTF-8 file.
+constexpr std::string_view kUtf8ByteOrderMark = "\xEF\xBB\xBF";
+
+std::string_view WithoutByteOrderMark(std::string_view text) {
+    if (text.substr(0, kUtf8ByteOrderMark.size()) == kUtf8ByteOrderMark)
+        text.remove_prefix(kUtf8ByteOrderMark.size());
+    return text;
+}
+
 }  // namespace
 
 RqTextLexer::RqTextLexer(std::string_view text, std::string fileName)
     : m_fileName(std::move(fileName)) {
-    Tokenize(text);
+    if (text.size() > kRqTextMaxInputBytes)
+        throw RqTextError(m_fileName, 1, 1,
+                          "the text is larger than the " +
+                              std::to_string(kRqTextMaxInputBytes / (1024 * 1024)) +
+                              " MiB a request or catalog may have");
+    m_pScanner = std::make_unique<RqTextScanner>(WithoutByteOrderMark(text), m_fileName);
 }
 
-void RqTextLexer::Tokenize(std::string_view text) {
-    Scanner(text, m_fileName).Run(m_tokens);
-}
+RqTextLexer::~RqTextLexer() = default;
 
-const RqToken& RqTextLexer::Peek(int ahead) const {
-    const size_t i = m_pos + static_cast<size_t>(ahead);
-    return i < m_tokens.size() ? m_tokens[i] : m_tokens.back();
+const RqToken& RqTextLexer::Ahead(int ahead) const {
+    const size_t want = static_cast<size_t>(ahead < 0 ? 0 : ahead) + 1;
+    while (m_ahead.size() < want) {
+        if (!m_ahead.empty() && m_ahead.back().Is(RqTokenKind::kEnd))
+            return m_ahead.back();
+        m_ahead.push_back(m_pScanner->Scan());
+    }
+    return m_ahead[want - 1];
 }
 
 RqToken RqTextLexer::Next() {
-    RqToken tok = Peek();
-    if (m_pos + 1 < m_tokens.size())
-        ++m_pos;
-    else
-        m_pos = m_tokens.size() - 1;
+    RqToken tok = Ahead(0);
+    // The end stays in place: reading past it goes on returning the end.
+    if (!tok.Is(RqTokenKind::kEnd))
+        m_ahead.pop_front();
     return tok;
 }
 
 bool RqTextLexer::AcceptPunct(std::string_view p) {
-    if (!Peek().IsPunct(p))
+    if (!Ahead(0).IsPunct(p))
         return false;
     Next();
     return true;
 }
 
 bool RqTextLexer::AcceptWord(std::string_view w) {
-    if (!Peek().IsWord(w))
+    if (!Ahead(0).IsWord(w))
         return false;
     Next();
     return true;
@@ -334,31 +350,32 @@ void RqTextLexer::ExpectWord(std::string_view w) {
 }
 
 std::string RqTextLexer::ExpectIdentifier(std::string_view what) {
-    if (!Peek().Is(RqTokenKind::kIdentifier))
+    if (!Ahead(0).Is(RqTokenKind::kIdentifier))
         Expected(what);
     return Next().m_text;
 }
 
 int64_t RqTextLexer::ExpectInteger(std::string_view what) {
-    if (!Peek().Is(RqTokenKind::kInteger))
+    if (!Ahead(0).Is(RqTokenKind::kInteger))
         Expected(what);
     return Next().m_int;
 }
 
 std::string RqTextLexer::ExpectString(std::string_view what) {
-    if (!Peek().Is(RqTokenKind::kString))
+    if (!Ahead(0).Is(RqTokenKind::kString))
         Expected(what);
     return Next().m_text;
 }
 
 std::string RqTextLexer::ExpectName(std::string_view what) {
-    if (!Peek().Is(RqTokenKind::kIdentifier) && !Peek().Is(RqTokenKind::kString))
+    if (!Ahead(0).Is(RqTokenKind::kIdentifier) && !Ahead(0).Is(RqTokenKind::kString))
         Expected(what);
     return Next().m_text;
 }
 
 void RqTextLexer::Expected(std::string_view what) const {
-    Fail(Peek(), "expected " + std::string(what) + ", found " + Peek().Describe());
+    const RqToken& at = Ahead(0);
+    Fail(at, "expected " + std::string(what) + ", found " + at.Describe());
 }
 
 void RqTextLexer::Fail(const RqToken& at, const std::string& message) const {

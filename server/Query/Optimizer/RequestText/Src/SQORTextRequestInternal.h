@@ -13,9 +13,11 @@
 
 namespace rqtext {
 
-// Nesting beyond this many levels is refused by both sides: the reader and the writer
-// recurse once per level, and a request this deep is a generator gone wrong, not a query.
-inline constexpr int kMaxDepth = 2000;
+// Nesting beyond this many levels of the text is refused by the reader, the one place that
+// limits depth: the writer, the verifier and the rules take any tree the reader accepted,
+// and at this depth (about 1,000 nested derived tables) they all fit in a main thread's
+// stack with room to spare. A request this deep is a generator gone wrong, not a query.
+inline constexpr int kMaxDepth = 4000;
 // Stack that must remain free when entering one more level, so that a thread with a small
 // stack fails cleanly before the depth limit is reached.
 inline constexpr std::size_t kStackReserve = 128 * 1024;

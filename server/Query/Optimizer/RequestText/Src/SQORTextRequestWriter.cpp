@@ -281,15 +281,13 @@ private:
 
     // ---- Layout ------------------------------------------------------------------------
 
-    // Guards one level of nesting: the reader refuses what is deeper, and deeper recursion
-    // could exhaust the stack.
+    // Guards one level of nesting against the stack running out. The depth itself is the
+    // reader's to limit: whatever it accepted prints, so the writer sets no limit of its own
+    // (its levels are not the reader's, and two counts would disagree).
     class Level {
     public:
         explicit Level(Writer& writer) : m_writer(writer) {
-            if (++m_writer.m_depth > kMaxDepth)
-                ZK_THROW(
-                    ErrorMessage(L"the request is nested too deeply to be printed (more than " +
-                                 ZKString::FromInt(kMaxDepth) + L" levels)"));
+            ++m_writer.m_depth;
             if (ZKThread::RemainingStack() < kStackReserve)
                 ZK_THROW(ErrorMessage(
                     L"the request is nested too deeply to be printed on this thread's stack"));

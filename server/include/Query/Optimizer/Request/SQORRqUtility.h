@@ -124,6 +124,10 @@ public:
     // on the way down its kind name and its index among its parent's children, joined by
     // "/", e.g. "RqHandleNode/RqList[0]/RqJoinSpec[1]/RqJoinNode[0]". Null gives "<null>".
     static ZKString GetPath(const RqNode* node);
+    // A path of GetPath's form cut for a message a person reads: beyond `maxSteps` steps, the
+    // first two and the last four are kept around "/...(n more)...", since a deep request's
+    // full path would run to tens of kilobytes on one line.
+    static ZKString AbbreviatePath(const ZKString& path, int maxSteps = 12);
     // The class name of the node's kind ("RqList"); "<null>" for null.
     static ZKString GetKindName(const RqNode* node);
     // The node's own fields as space-separated words, without its kind, identity, target or

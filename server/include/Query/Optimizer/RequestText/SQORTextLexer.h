@@ -13,8 +13,11 @@
 //   anchors       $name                  (names an unlabelled block within one text)
 //   punctuation   { } ( ) [ ] , = : ; . -> * -
 //   comments      from # to the end of the line
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <exception>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -69,18 +72,31 @@ struct RqToken {
     std::string Describe() const;
 };
 
-// Splits the whole text into tokens up front (errors in the text surface at once, with
-// their position) and hands them out with one token of look-ahead and more on request.
+// The largest text either format reads. A text this large is not a request anybody wrote,
+// and refusing it up front keeps a reader from holding an arbitrary amount of memory.
+inline constexpr std::size_t kRqTextMaxInputBytes = std::size_t{256} * 1024 * 1024;
+
+class RqTextScanner;
+
+// Cuts the text into tokens as the parser asks for them, with one token of look-ahead and
+// more on request. Only the tokens not yet consumed are held, so memory follows what has been
+// parsed, and the first error in the text (of a token or of the grammar) ends the reading
+// without the rest of the text being looked at. A leading UTF-8 byte-order mark is skipped.
 class RqTextLexer {
 public:
-    // Throws RqTextError on a character or an escape that no token can start with, an
-    // unterminated string or a number out of range.
+    // Throws RqTextError when the text is larger than kRqTextMaxInputBytes. A character or
+    // an escape that no token can start with, an unterminated string or a number out of
+    // range throws RqTextError when the parser reaches it.
     RqTextLexer(std::string_view text, std::string fileName);
+    ~RqTextLexer();
+    RqTextLexer(const RqTextLexer&) = delete;
+    RqTextLexer& operator=(const RqTextLexer&) = delete;
 
     const std::string& GetFileName() const { return m_fileName; }
-    const RqToken& Peek(int ahead = 0) const;
+    // A copy, so that a token the parser keeps stays valid however far it reads on.
+    RqToken Peek(int ahead = 0) const { return Ahead(ahead); }
     RqToken Next();
-    bool AtEnd() const { return Peek().Is(RqTokenKind::kEnd); }
+    bool AtEnd() const { return Ahead(0).Is(RqTokenKind::kEnd); }
 
     // Consume the token when it is this punctuation / this word.
     bool AcceptPunct(std::string_view p);
@@ -99,10 +115,13 @@ public:
     [[noreturn]] void Fail(const RqToken& at, const std::string& message) const;
 
 private:
-    void Tokenize(std::string_view text);
+    // The token `ahead` places past the next one, scanned when first asked for.
+    const RqToken& Ahead(int ahead) const;
+
     std::string m_fileName;
-    std::vector<RqToken> m_tokens;
-    size_t m_pos = 0;
+    std::unique_ptr<RqTextScanner> m_pScanner;
+    // The tokens scanned but not consumed; the last is the end once the text is used up.
+    mutable std::deque<RqToken> m_ahead;
 };
 
 // Printing helpers shared by the formats.
