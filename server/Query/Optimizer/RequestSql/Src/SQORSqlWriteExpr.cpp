@@ -434,9 +434,11 @@ std::string SqlWriter::SubqueryList(const RqExpr& operand, const ExprEnv& env) {
     for (const Scope* scope = env.m_pScope; scope != nullptr && !bCorrelated;
          scope = scope->m_pOuter)
         bCorrelated = SubqueryReadsScope(operand, *scope);
-    if (!bCorrelated)
-        return "SELECT *\nFROM " + Hoist("s" + std::to_string(m_namedQueries.size() + 1),
-                                         List(*subquery->GetQuery(), nullptr));
+    if (!bCorrelated) {
+        // The subquery's own named queries first, so that it is numbered after them.
+        const std::string inner = List(*subquery->GetQuery(), nullptr);
+        return "SELECT *\nFROM " + Hoist("s" + std::to_string(m_namedQueries.size() + 1), inner);
+    }
     return List(*subquery->GetQuery(), env.m_pScope);
 }
 

@@ -108,9 +108,10 @@ std::string SqlWriter::Side(const RqNode* side, const Scope& scope,
         const std::string& alias = aliases.at(side);
         if (const auto* derived = RqDynCast<RqDerivedTable>(side)) {
             // A derived table sees nothing of the block that reads it: it can be a named query.
-            return Hoist("d" + std::to_string(m_namedQueries.size() + 1),
-                         List(*derived->GetInnerList(), nullptr)) +
-                   " AS " + alias;
+            // Its own named queries come first, so it is numbered after them (written as one
+            // call, the two arguments' order of evaluation would be the compiler's choice).
+            const std::string inner = List(*derived->GetInnerList(), nullptr);
+            return Hoist("d" + std::to_string(m_namedQueries.size() + 1), inner) + " AS " + alias;
         }
         const Scope::Table& table = scope.m_tables.at(RqCast<RqAbstractTable>(side)->GetTableNum());
         return SqlRenderer::GetTableName(*table.m_table) + " AS " + alias;
