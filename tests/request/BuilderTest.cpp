@@ -62,43 +62,6 @@ TEST(BuilderTest, FromAndJoinMakeOneJoinNodeEach) {
     EXPECT_TRUE(RqVerifier::Verify(*block).empty()) << Report(*block);
 }
 
-TEST(BuilderTest, AnEmptyByListIsPresentAndAMissingOneIsNot) {
-    Heap<RqExprAggr> plain(Sum(Col(L"s", 1)));
-    EXPECT_EQ(plain->GetNumOperands(), 3);
-    EXPECT_EQ(plain->GetByList(), nullptr);
-    Heap<RqExprAggr> total(Max(Col(L"s", 1), By({}), ComputeBreak({Col(L"a", 1)})));
-    ASSERT_NE(total->GetByList(), nullptr);
-    EXPECT_EQ(total->GetByList()->GetNumColumns(), 0);
-    EXPECT_EQ(total->GetComputeBreak()->GetNumColumns(), 1);
-    // Lists given but never taken by an aggregate are destroyed with their holder.
-    By unused({Col(L"never", 1)});
-}
-
-TEST(BuilderTest, TargetMarksTheBlockButNotTheBlocksNestedInIt) {
-    const VoidID database(7, 1);
-    RqList* inner = Block()
-                        .Select(Col(L"a", 1))
-                        .From(Table(VoidID(3, 1), 1))
-                        .Target(ServerInfo::kRowStoreDatabase, database)
-                        .Build();
-    Heap<RqList> outer(Block()
-                           .Select(Ref(*inner, 0))
-                           .From(Derived(inner))
-                           .Where(Gt(Ref(*inner, 0), Int(1)))
-                           .Limit(10)
-                           .Offset(5)
-                           .Distinct()
-                           .Label(L"outer")
-                           .Target(ServerInfo::kBuiltInExecutionEngine)
-                           .Build());
-    EXPECT_EQ(outer->GetDetailFilter()->GetCond()->GetTargetType(),
-              ServerInfo::kBuiltInExecutionEngine);
-    EXPECT_EQ(inner->GetTargetType(), ServerInfo::kRowStoreDatabase);
-    EXPECT_EQ(inner->GetProjection()->GetIthColumn(0)->GetTargetID(), database);
-    EXPECT_EQ(outer->GetRowLimit(), 10u);
-    EXPECT_EQ(outer->GetRowOffset(), 5u);
-}
-
 TEST(BuilderTest, ReferencesToListsNameTheColumnsTheListExposes) {
     RqList* first =
         Block().Select(Col(L"a", 1)).Select(Col(L"b", 1)).From(Table(VoidID(3, 1), 1)).Build();
@@ -109,14 +72,6 @@ TEST(BuilderTest, ReferencesToListsNameTheColumnsTheListExposes) {
     Heap<RqExpr> reference(Ref(*filtered, 1));
     EXPECT_EQ(static_cast<RqDerivedColumnReference*>(reference.Get())->GetDerivedColumn(),
               first->GetProjection()->GetIthColumn(1));
-}
-
-TEST(BuilderTest, ABlockDroppedBeforeBuildTakesItsNodesWithIt) {
-    RqList* inner = Block().Select(Col(L"a", 1)).From(Table(VoidID(3, 1), 1)).Build();
-    Block unfinished;
-    unfinished.Select(Ref(*inner, 0)).From(Derived(inner)).GroupBy({Ref(*inner, 0)}).OrderBy({{0}});
-    EXPECT_EQ(unfinished.Column(0)->GetColumnNum(), 0);
-    // The leak check after the test is the assertion.
 }
 
 }  // namespace

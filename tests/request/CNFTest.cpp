@@ -180,27 +180,6 @@ TEST(CNFTest, DistributesOrOverAndLeftConjunctVaryingSlowest) {
     EXPECT_EQ(Convert(P(L"a"), false), (std::vector<std::string>{"T1.a = 0"}));
 }
 
-TEST(CNFTest, FlatteningNotUsesDeMorganAndOppositeComparisons) {
-    // NOT (a = 0 OR (b < 0 AND NOT c IS NULL))  ->  a <> 0 AND (b >= 0 OR c IS NULL)
-    EXPECT_EQ(
-        Convert(Not(Or(P(L"a"), And(Lt(Col(L"b", 1), Int(0)), Not(IsNull(Col(L"c", 1)))))), true),
-        (std::vector<std::string>{"T1.a <> 0", "T1.b >= 0 OR T1.c IS NULL"}));
-    EXPECT_EQ(Convert(Not(Not(P(L"a"))), true), (std::vector<std::string>{"T1.a = 0"}));
-    EXPECT_EQ(Convert(Not(And(Gt(Col(L"a", 1), Int(0)), Le(Col(L"b", 1), Int(0)))), true),
-              (std::vector<std::string>{"T1.a <= 0 OR T1.b > 0"}));
-    // A predicate without an opposite keeps its NOT.
-    EXPECT_EQ(Convert(Not(Or(IsNull(Col(L"a", 1)), Like(Col(L"b", 1), Str(L"x%")))), true),
-              (std::vector<std::string>{"NOT T1.a IS NULL", "NOT T1.b LIKE 'x%'"}));
-}
-
-TEST(CNFTest, WithoutFlatteningANotIsOneLiteral) {
-    EXPECT_EQ(Convert(And(Not(Or(P(L"a"), P(L"b"))), P(L"c")), false),
-              (std::vector<std::string>{"NOT (T1.a = 0 OR T1.b = 0)", "T1.c = 0"}));
-    EXPECT_EQ(Convert(Or(Not(And(P(L"a"), P(L"b"))), And(P(L"c"), P(L"d"))), false),
-              (std::vector<std::string>{"NOT (T1.a = 0 AND T1.b = 0) OR T1.c = 0",
-                                        "NOT (T1.a = 0 AND T1.b = 0) OR T1.d = 0"}));
-}
-
 TEST(CNFTest, RepeatedLiteralsAndConjunctsAreMerged) {
     EXPECT_EQ(Convert(And(And(P(L"a"), P(L"b")), P(L"a")), true),
               (std::vector<std::string>{"T1.a = 0", "T1.b = 0"}));
@@ -324,33 +303,6 @@ TEST(CNFTest, AnExponentialConversionFailsQuicklyInBoundedMemoryWhateverTheLimit
 }
 
 // ---- Ownership --------------------------------------------------------------------------------
-
-TEST(CNFTest, TakingTheConditionOverReusesItsPredicates) {
-    RqExprCond* a = P(L"a");
-    RqExprCond* b = P(L"b");
-    RqExprCond* c = P(L"c");
-    ToCNF cnf(AsCond(And(And(a, b), Or(c, Ne(Col(L"a", 1), Int(0))))), true, false);
-    cnf.GenerateCNF();
-    std::vector<RqExprCond*> conjuncts;
-    cnf.GetConjuncts(conjuncts);
-    ASSERT_EQ(conjuncts.size(), 3u);
-    EXPECT_EQ(conjuncts[0], a);
-    EXPECT_EQ(conjuncts[1], b);
-    EXPECT_EQ(conjuncts[2]->GetIthOperand(0), c);
-    for (RqExprCond* conjunct : conjuncts)
-        EXPECT_EQ(conjunct->GetParent(), nullptr);
-
-    // A predicate used by several conjuncts is copied for all but one of them.
-    RqExprCond* shared = P(L"s");
-    ToCNF distributed(AsCond(Or(shared, And(P(L"x"), P(L"y")))), true, false);
-    distributed.GenerateCNF();
-    distributed.GetConjuncts(conjuncts);
-    ASSERT_EQ(Texts(conjuncts),
-              (std::vector<std::string>{"T1.s = 0 OR T1.x = 0", "T1.s = 0 OR T1.y = 0"}));
-    EXPECT_NE(conjuncts[0]->GetIthOperand(0), conjuncts[1]->GetIthOperand(0));
-    EXPECT_TRUE(conjuncts[0]->GetIthOperand(0) == shared ||
-                conjuncts[1]->GetIthOperand(0) == shared);
-}
 
 TEST(CNFTest, ReleasedConjunctsBelongToTheCaller) {
     Heap<RqExpr> cond(And(P(L"a"), Or(P(L"b"), And(P(L"c"), P(L"d")))));

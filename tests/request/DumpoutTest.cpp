@@ -60,49 +60,6 @@ RqHandleNode* SmallRequest() {
 
 }  // namespace
 
-TEST(DumpoutTest, DumpsASmallRequestExactly) {
-    Heap<RqHandleNode> request(SmallRequest());
-    const char* expected =
-        "RqHandleNode [[1]]\n"
-        "  RqList [[2]] target=engine label=outer distinct limit=100\n"
-        "    RqProjection [[3]] next=#2\n"
-        "      RqDerivedColumn [[4]] #0\n"
-        "        RqDerivedColumnReference [[5]]: inner.#10\n"
-        "      RqDerivedColumn [[6]] #1\n"
-        "        RqExprAggrSum [[7]]: SUM(inner.#11 BY (inner.#10))\n"
-        "    RqJoinSpec [[11]]\n"
-        "      RqJoinNode [[12]]\n"
-        "        RqTableReference [[13]] INNER\n"
-        "          RqDerivedTable [[14]] T3\n"
-        "            RqList [[15]] target=mppwarehouse targetID=1:7 label=inner\n"
-        "              RqProjection [[16]] target=mppwarehouse targetID=1:7 next=#12\n"
-        "                RqDerivedColumn [[17]] target=mppwarehouse targetID=1:7 #10 refs=4\n"
-        "                  RqTargetColumn [[18]] target=mppwarehouse targetID=1:7: T1.a\n"
-        "                RqDerivedColumn [[19]] target=mppwarehouse targetID=1:7 #11 refs=2\n"
-        "                  RqTargetColumn [[20]] target=mppwarehouse targetID=1:7: T1.b\n"
-        "              RqJoinSpec [[21]] target=mppwarehouse targetID=1:7\n"
-        "                RqJoinNode [[22]] target=mppwarehouse targetID=1:7\n"
-        "                  RqTableReference [[23]] target=mppwarehouse targetID=1:7 INNER\n"
-        "                    RqAtomicTable [[24]] target=mppwarehouse targetID=1:7 T1 id=3:1\n"
-        "    RqDetailFilter [[25]]\n"
-        "      RqExprCondAnd [[26]]: inner.#11 > 5 AND EXISTS(LOGICALSUBQUERY(RqList[[32]]))\n"
-        "        RqList [[32]]\n"
-        "          RqProjection [[33]] next=#1\n"
-        "            RqDerivedColumn [[34]] #0\n"
-        "              RqTargetColumn [[35]]: T2.k\n"
-        "          RqJoinSpec [[36]]\n"
-        "            RqJoinNode [[37]]\n"
-        "              RqTableReference [[38]] INNER\n"
-        "                RqAtomicTable [[39]] T2 id=3:2\n"
-        "          RqDetailFilter [[40]]\n"
-        "            RqExprCondEquality [[41]]: T2.k = inner.#10\n"
-        "    RqGroupBy [[44]] mode=HASH\n"
-        "      RqExprColumnListOrdered [[45]]: (inner.#10)\n"
-        "    RqOrderBy [[47]]\n"
-        "      RqSortSpec [[48]] #1 DESC\n";
-    EXPECT_EQ(RqDumpout::StringFrom(request.Get()).ToUtf8(), expected);
-}
-
 TEST(DumpoutTest, ASubtreeStartsAtItsOwnLevelAndDebugPrintWritesTheSameText) {
     Heap<RqHandleNode> request(SmallRequest());
     RqList* outer = RqCast<RqList>(request->GetRqNode());

@@ -140,20 +140,6 @@ TEST(ExprConditions, ConcatenateOwnsBothSidesAndConcatenateCopyCopiesTheRight) {
     EXPECT_TRUE(RqEquivalence()(*disj->GetRightCond(), *kept));
 }
 
-TEST(ExprAggregates, OperandLayoutAndMeasureRelease) {
-    RqExpr* measure = Col(1);
-    auto* byList = RQ_NEW RqExprColumnList(RqExprVector{Col(2)});
-    Heap<RqExprAggr> sum(RQ_NEW RqExprAggrSum(measure, byList, nullptr, RqExprAggr::kDistinct));
-    EXPECT_TRUE(sum->IsDistinctAggregation());
-    EXPECT_EQ(sum->GetByList(), byList);
-    EXPECT_EQ(sum->GetComputeBreak(), nullptr);
-    Heap<RqExpr> released(sum->ReleaseMeasure());
-    EXPECT_EQ(released.Get(), measure);
-    EXPECT_EQ(sum->GetNumOperands(), 3) << "the measure slot stays, empty";
-    Heap<RqExprAggr> countStar(RQ_NEW RqExprAggrCountStar());
-    EXPECT_EQ(countStar->GetNumOperands(), 3);
-}
-
 TEST(ExprAggregates, FunctionalWrapperAndHashableFollowTheFamilies) {
     struct Case {
         const char* m_name;
@@ -197,20 +183,6 @@ TEST(ExprColumnLists, SubsetPrefixAndMembershipGoByEquivalence) {
     Heap<RqExpr> probe(Col(3));
     EXPECT_TRUE(abc->HasEquivalentMember(*probe));
     EXPECT_FALSE(ab->HasEquivalentMember(*probe));
-}
-
-TEST(ExprColumnLists, SortedListsHaveOneOrderAndCopyingListsLeaveTheMembers) {
-    Heap<RqExpr> one(Col(1));
-    Heap<RqExpr> two(Col(2));
-    Heap<RqExpr> three(Col(3));
-    Heap<RqExprColumnList> forward(
-        RQ_NEW RqExprColumnList({one.Get(), two.Get(), three.Get()}, true, false));
-    Heap<RqExprColumnList> backward(
-        RQ_NEW RqExprColumnList({three.Get(), two.Get(), one.Get()}, true, false));
-    EXPECT_EQ(one->GetParent(), nullptr) << "a list that does not own its members copies them";
-    backward->AddMember(Col(0));
-    forward->AddMember(Col(0));
-    EXPECT_TRUE(RqEquivalence()(*forward, *backward));
 }
 
 TEST(ExprTraversal, PreOrderInOperandOrderAndHandledSkipsOperands) {

@@ -68,19 +68,6 @@ concept TakesAnyExpression = requires(Filter& f, RqExpr* e) {
 }
 || std::is_constructible_v<Filter, RqExpr*>;
 
-TEST(ListClauses, ReplaceInParentHandsTheOldNodeToTheHolder) {
-    Heap<RqList> outer(MakeOuterBlock(MakeLeafBlock(2)));
-    RqDerivedTable* table = outer->GetJoinSpec()->GetIthTableReference(0)->GetDerivedTable();
-    RqAbstractList* inner = table->GetInnerList();
-    {
-        RqHandleNode holder;
-        inner->ReplaceInParent(RQ_NEW RqList(), holder);
-        EXPECT_NE(table->GetInnerList(), inner);
-        EXPECT_EQ(holder.GetRqNode(), inner);
-    }
-    EXPECT_EQ(RefOf(*outer, 0)->GetDerivedColumn(), nullptr) << "the replaced columns are gone";
-}
-
 TEST(ListClauses, EveryFilterReadsBackTheConditionItWasGiven) {
     // A filter holds a condition: setting one and reading it back agree for all three
     // clauses, including a condition over a Boolean column, wrapped to be a condition.
@@ -337,22 +324,6 @@ TEST(ListCopy, DeepCopyRepointsInternalLinksAndKeepsExternalOnes) {
     EXPECT_EQ(RqCast<RqSharedList>(copy->GetIthList(1))->GetSharedRqList(), copy->GetIthList(0));
     Heap<RqSharedList> viewCopy(RqCast<RqSharedList>(view->DeepCopy(false)));
     EXPECT_EQ(viewCopy->GetSharedRqList(), shared);
-}
-
-TEST(ListCache, LogicalPlanEntryIsLittleEndianLimitOffsetFlags) {
-    RqCache cache(MakeLeafBlock(1));
-    EXPECT_EQ(cache.GetLogicalPlanEntry().m_rowLimit, 0u);
-    cache.SetLogicalPlanEntry({0x01020304u, 5, 0xA0000000u});
-    LogicalPlanBytes bytes;
-    cache.GetLogicalPlan(bytes);
-    EXPECT_EQ(bytes, (LogicalPlanBytes{4, 3, 2, 1, 5, 0, 0, 0, 0, 0, 0, 0xA0}));
-    bytes.push_back(0x77);
-    bytes[4] = 9;
-    cache.SetLogicalPlan(bytes);
-    EXPECT_EQ(cache.GetLogicalPlanEntry().m_rowOffset, 9u);
-    cache.SetLogicalPlanEntry({1, 2, 3});
-    cache.GetLogicalPlan(bytes);
-    EXPECT_EQ(bytes.size(), 13u) << "later entries are kept";
 }
 
 TEST(ListRepository, CommonComplexJoinAndSortPushability) {

@@ -150,47 +150,6 @@ TEST(WideTree, CopiesOfWideAndDeepRequestsReadOnlyTheirOwnColumns) {
         << "the references of the copies left the original's columns";
 }
 
-// Reports come in walk order, whether a check reads only the node (column numbers, sort keys)
-// or follows a link (a reference's column, checked once the whole tree is known).
-TEST(WideTree, WideProjectionsReportFaultsInWalkOrder) {
-    Heap<RqHandleNode> request(WideRequest());
-    auto* block = static_cast<RqList*>(request->GetRqNode());
-    RqProjection* projection = block->GetProjection();
-    EXPECT_TRUE(RqVerifier::Verify(*request).empty());
-
-    const int number5 = projection->GetIthColumn(5)->GetColumnNum();
-    projection->GetIthColumn(30)->SetColumnNum(number5);
-    projection->GetIthColumn(20)->SetColumnNum(number5);
-    RqSortSpec* missing = block->GetOrderBy()->GetIthSortSpec(4);
-    missing->SetColumnNumber(1000);
-    RqDerivedColumn elsewhere(Int(0), 0);
-    auto* stray = static_cast<RqDerivedColumnReference*>(
-        projection->GetIthColumn(10)->GetExpr()->GetIthOperand(0));
-    stray->SetDerivedColumn(&elsewhere);
-
-    const std::vector<RqViolation> violations = RqVerifier::Verify(*request);
-    const std::string text = RqVerifier::Describe(violations).ToUtf8();
-    ASSERT_EQ(violations.size(), 5u) << text;
-    // The projection's own check names its columns, before anything below it.
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(violations[i].m_kind, RqViolation::kDuplicateColumnNumber);
-        EXPECT_EQ(violations[i].m_pNode, projection->GetIthColumn(i == 0 ? 20 : 30));
-        EXPECT_NE(violations[i].m_message.ToUtf8().find("number of column 5"), std::string::npos)
-            << text;
-    }
-    EXPECT_EQ(violations[2].m_kind, RqViolation::kDanglingReference);
-    EXPECT_EQ(violations[2].m_pNode, stray);
-    EXPECT_EQ(std::wstring(violations[2].m_path),
-              L"RqHandleNode/RqList[0]/RqProjection[0]/RqDerivedColumn[10]/RqExprAdd[0]"
-              L"/RqDerivedColumnReference[0]");
-    // The key given a number no column has, and the one whose column was renumbered.
-    EXPECT_EQ(violations[3].m_kind, RqViolation::kSortSpecColumn);
-    EXPECT_EQ(violations[3].m_pNode, missing);
-    EXPECT_EQ(violations[4].m_kind, RqViolation::kSortSpecColumn);
-    EXPECT_EQ(violations[4].m_pNode, block->GetOrderBy()->GetIthSortSpec(10));
-    stray->SetDerivedColumn(nullptr);
-}
-
 TEST(WideTree, SharedListsNamingEachOtherDoNotTrapTheVerifier) {
     RqSharedList* first = Shared(nullptr);
     RqSharedList* second = Shared(first);
