@@ -2,9 +2,8 @@
 
 #include "Platform/ZKThread.h"
 
-AggrFinder::AggrFinder(bool bFindNestedAggrs, bool bFindAllNestedAggrs,
-                       bool bIgnoreFunctionalAggr, bool bIgnoreTimeSeriesAggr,
-                       bool bFindInnerMostAggrOnly)
+AggrFinder::AggrFinder(bool bFindNestedAggrs, bool bFindAllNestedAggrs, bool bIgnoreFunctionalAggr,
+                       bool bIgnoreTimeSeriesAggr, bool bFindInnerMostAggrOnly)
     : m_bFindNestedAggrs(bFindNestedAggrs),
       m_bFindAllNestedAggrs(bFindAllNestedAggrs),
       m_bIgnoreFunctionalAggr(bIgnoreFunctionalAggr),
