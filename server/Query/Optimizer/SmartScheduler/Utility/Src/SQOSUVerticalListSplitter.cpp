@@ -251,6 +251,10 @@ RqExpr* AddSubExprChildReferences(RqExpr* pExpr, RqProjection& childProjection,
         return nullptr;
     if (bKeepSubqueries && pExpr->IsKindOf(kRqExprSubquery))
         return pExpr;
+    // A constant needs no column: it is written again where it is read (and some operands,
+    // the format of an EVALUATE, must stay literals).
+    if (pExpr->IsConstant())
+        return pExpr;
     if (RqDerivedColumn* existing = childProjection.GetMatchingColumn(pExpr))
         return RQ_NEW RqDerivedColumnReference(existing);
 
