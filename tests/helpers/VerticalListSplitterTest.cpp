@@ -340,13 +340,17 @@ TEST(VerticalListSplitter, AnEvaluateExpressionStaysAboveAServerChild) {
 TEST(VerticalListSplitter, AggregatesBecomeColumnsOnce) {
     Heap<RqList> block(
         rqb::Block().Select(rqb::Col(L"region", 1)).From(rqb::Table(VoidID(3, 1), 1)).Build());
-    Heap<RqExpr> expr(
+    // Sum(amount) + Max(amount) * Sum(amount) + Ago(Sum(amount)): the period-ago is kept whole.
+    Heap<RqExpr> expr(rqb::Add(
         rqb::Add(rqb::Sum(rqb::Col(L"amount", 1)),
-                 rqb::Mul(rqb::Max(rqb::Col(L"amount", 1)), rqb::Sum(rqb::Col(L"amount", 1)))));
+                 rqb::Mul(rqb::Max(rqb::Col(L"amount", 1)), rqb::Sum(rqb::Col(L"amount", 1)))),
+        rqb::Aggr<RqExprAgo>(rqb::Sum(rqb::Col(L"amount", 1)))));
     VerticalListSplitter::AddAggrSubExprs(expr.Get(), *block->GetProjection());
-    ASSERT_EQ(block->GetProjection()->GetNumColumns(), 3);
-    EXPECT_TRUE(block->GetProjection()->GetIthColumn(1)->GetExpr()->IsKindOf(kRqExprAggrSum));
-    EXPECT_TRUE(block->GetProjection()->GetIthColumn(2)->GetExpr()->IsKindOf(kRqExprAggrMax));
+    const RqProjection& projection = *block->GetProjection();
+    ASSERT_EQ(projection.GetNumColumns(), 4);
+    EXPECT_TRUE(projection.GetIthColumn(1)->GetExpr()->IsKindOf(kRqExprAggrSum));
+    EXPECT_TRUE(projection.GetIthColumn(2)->GetExpr()->IsKindOf(kRqExprAggrMax));
+    EXPECT_TRUE(projection.GetIthColumn(3)->GetExpr()->IsKindOf(kRqExprAgo));
 }
 
 // ---- Duplicate columns, GROUP BY ------------------------------------------------------------

@@ -399,12 +399,15 @@ RqExpr* VerticalListSplitter::ComposeEquivalentInnerExpr(const RqExpr* pExpr,
         return source->GetExpr()->DeepExprCopy(false);
     }
     Heap<RqExpr> copy(ShallowExprCopy(*pExpr));
+    bool bOperandFailed = false;
     const bool bComposed = ComposeOperands(*pExpr, *copy, [&](const RqExpr* operand) {
-        return ComposeEquivalentInnerExpr(operand, pInnerProjection, pPatternProjection, bFailed,
-                                          bIgnoreProjectionDiffs);
+        return ComposeEquivalentInnerExpr(operand, pInnerProjection, pPatternProjection,
+                                          bOperandFailed, bIgnoreProjectionDiffs);
     });
-    if (!bComposed || bFailed)
+    if (!bComposed || bOperandFailed) {
+        bFailed = true;
         return nullptr;
+    }
     return copy.Release();
 }
 
@@ -425,7 +428,9 @@ void CollectSearchCond(RqTableReference* pTableRef, Heap<RqExprCond>& searchCond
 void VerticalListSplitter::AddAggrSubExprs(RqExpr* pExpr, RqProjection& projection) {
     if (pExpr == nullptr)
         return;
-    AggrFinder finder(false, false, false, true, false);
+    // Time-series aggregates count: a period-ago of a sum is computed whole by the block
+    // that groups, not as the sum alone.
+    AggrFinder finder(false, false, false, false, false);
     pExpr->Accept(finder);
     for (RqExprAggr* aggr : finder.GetAggrsList())
         projection.InsertColumnExpr(aggr);
