@@ -141,8 +141,13 @@ TEST(VerticalListSplitter, NestingLeavesOutColumnsAndKeepsAnOrderOnThem) {
         EXPECT_EQ(outer->GetOrderBy() != nullptr, !bLeaveOutSortKey);
         EXPECT_EQ(n.m_pInner->m_rowLimit, bLeaveOutSortKey ? 10u : 0u);
         EXPECT_EQ(outer->m_rowLimit, bLeaveOutSortKey ? 0u : 10u);
-        if (bLeaveOutSortKey)
+        if (bLeaveOutSortKey) {
+            // Asked again, the ORDER BY still has no outer column to sort on and stays.
+            VerticalListSplitter::RelocateOrderByToOuterList(*n.m_pInner, outer);
+            EXPECT_NE(n.m_pInner->GetOrderBy(), nullptr);
+            EXPECT_EQ(outer->GetOrderBy(), nullptr);
             ExpectValid(*request);
+        }
     }
 }
 
@@ -289,6 +294,28 @@ TEST(VerticalListSplitterDeathTest, CompositionAssertions) {
     // The region column is read by no column of mid.
     EXPECT_DEATH(VerticalListSplitter::AddOuterColumn(inner->GetIthColumn(1), *inner, *mid, false),
                  "!derivedColumnReferences.empty\\(\\)");
+}
+
+// Conditions of a join tree, nested on the left and chained on the right, come out in front
+// of what was collected before, each a copy.
+TEST(VerticalListSplitter, SearchConditionsAreCollectedFromTheWholeJoinTree) {
+    auto cond = [](int i) { return rqb::Eq(rqb::Col(L"k", i), rqb::Int(i)); };
+    Heap<RqTableReference> tree(
+        rqb::JoinRef(SqlTableRef::kInnerJoin,
+                     rqb::JoinRef(SqlTableRef::kInnerJoin, rqb::Table(VoidID(3, 1), 1),
+                                  rqb::Table(VoidID(3, 2), 2), cond(1)),
+                     rqb::JoinRef(SqlTableRef::kLeftOuterJoin, rqb::Table(VoidID(3, 3), 3),
+                                  rqb::Table(VoidID(3, 4), 4), cond(3)),
+                     cond(2)));
+    Heap<RqExprCond> collected(RqCast<RqExprCond>(cond(0)));
+    CollectSearchCond(tree.Get(), collected);
+    // Each condition met goes in front: this reference's, the left side's, then the right side's.
+    EXPECT_EQ(
+        ToString(collected.Get()).ToUtf8(),
+        ToString(
+            Heap<RqExpr>(rqb::And(cond(3), rqb::And(cond(1), rqb::And(cond(2), cond(0))))).Get())
+            .ToUtf8());
+    EXPECT_NE(tree->GetSearchCond(), nullptr);
 }
 
 // ---- Rendering into a child ---------------------------------------------------------------

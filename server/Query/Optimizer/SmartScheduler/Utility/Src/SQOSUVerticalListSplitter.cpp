@@ -5,6 +5,7 @@
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSUVerticalListSplitter.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <vector>
 
@@ -35,15 +36,18 @@ RqJoinSpec* MakeSingleTableJoinSpec(RqAbstractList* inner, int nestingLevel) {
     return RQ_NEW RqJoinSpec(std::vector<RqJoinNode*>{joinNode});
 }
 
-// The first column of `projection` whose expression is a reference to `column`, or null.
-RqDerivedColumn* FindReadingColumn(const RqProjection& projection, const RqDerivedColumn* column) {
+// For each column read by a column of `projection` whose whole expression is a reference to
+// it, the index of the first such reading column.
+RqNodeIndexMap IndexReadingColumns(const RqProjection& projection) {
+    RqNodeIndexMap readers;
+    readers.Reserve(static_cast<size_t>(projection.GetNumColumns()));
     for (int i = 0; i < projection.GetNumColumns(); ++i) {
-        RqDerivedColumn* candidate = projection.GetIthColumn(i);
-        const auto* ref = RqDynCast<RqDerivedColumnReference>(candidate->GetExpr());
-        if (ref != nullptr && ref->GetDerivedColumn() == column)
-            return candidate;
+        const auto* ref =
+            RqDynCast<RqDerivedColumnReference>(projection.GetIthColumn(i)->GetExpr());
+        if (ref != nullptr && ref->GetDerivedColumn() != nullptr)
+            readers.Insert(ref->GetDerivedColumn(), static_cast<uint32_t>(i));
     }
-    return nullptr;
+    return readers;
 }
 
 bool IsLobColumn(const RqProjection& projection, int index) {
@@ -75,21 +79,34 @@ bool HasHierarchyOrLookup(const RqExpr& expr) {
 
 // ---- Nesting ---------------------------------------------------------------------------------
 
-bool IsLeftOut(const Int32Vector* pColumnsToLeaveOut, int columnNum) {
-    return pColumnsToLeaveOut != nullptr &&
-           std::find(pColumnsToLeaveOut->begin(), pColumnsToLeaveOut->end(), columnNum) !=
-               pColumnsToLeaveOut->end();
-}
+// The column numbers to leave out, sorted for lookups (a wide block may leave out many).
+class LeftOut {
+public:
+    explicit LeftOut(const Int32Vector* pColumnsToLeaveOut) : m_bGiven(pColumnsToLeaveOut) {
+        if (pColumnsToLeaveOut != nullptr) {
+            m_sorted = *pColumnsToLeaveOut;
+            std::sort(m_sorted.begin(), m_sorted.end());
+        }
+    }
+    bool IsGiven() const { return m_bGiven; }
+    bool Contains(int columnNum) const {
+        return std::binary_search(m_sorted.begin(), m_sorted.end(), columnNum);
+    }
 
-// Step 3 of the nesting: the outer block reads each kept inner column, and whatever read the
-// inner column from above reads the outer column instead.
+private:
+    bool m_bGiven;
+    Int32Vector m_sorted;
+};
+
+// The outer block reads each kept inner column, and whatever read the inner column from above
+// reads the outer column instead.
 void ReprojectInnerColumns(RqProjection& innerProjection, RqProjection& outerProjection,
-                           const Int32Vector* pColumnsToLeaveOut) {
+                           const LeftOut& leftOut) {
     const int numColumns = innerProjection.GetNumColumns();
     for (int i = 0; i < numColumns; ++i) {
         RqDerivedColumn* innerColumn = innerProjection.GetIthColumn(i);
         const int columnNum = innerColumn->GetColumnNum();
-        if (IsLeftOut(pColumnsToLeaveOut, columnNum))
+        if (leftOut.Contains(columnNum))
             continue;
         auto* outerColumn =
             RQ_NEW RqDerivedColumn(RQ_NEW RqDerivedColumnReference(innerColumn), columnNum);
@@ -103,21 +120,21 @@ void ReprojectInnerColumns(RqProjection& innerProjection, RqProjection& outerPro
     }
 }
 
-bool OrderByNamesLeftOutColumn(const RqOrderBy& orderBy, const Int32Vector* pColumnsToLeaveOut) {
+bool OrderByNamesLeftOutColumn(const RqOrderBy& orderBy, const LeftOut& leftOut) {
     for (int i = 0; i < orderBy.GetNumSortSpecs(); ++i) {
         const RqSortSpec* spec = orderBy.GetIthSortSpec(i);
-        if (spec != nullptr && IsLeftOut(pColumnsToLeaveOut, spec->GetColumnNumber()))
+        if (spec != nullptr && leftOut.Contains(spec->GetColumnNumber()))
             return true;
     }
     return false;
 }
 
-// Steps 7 and 8 of the nesting; true when the ORDER BY moved outward.
-bool MoveOrderByOutward(RqList& inner, RqList& outer, const Int32Vector* pColumnsToLeaveOut) {
+// The ORDER BY moves outward with the paging it governs, unless it sorts on a column that the
+// outer block does not read; true when it moved.
+bool MoveOrderByOutward(RqList& inner, RqList& outer, const LeftOut& leftOut) {
     if (inner.GetOrderBy() == nullptr)
         return false;
-    if (pColumnsToLeaveOut != nullptr &&
-        OrderByNamesLeftOutColumn(*inner.GetOrderBy(), pColumnsToLeaveOut))
+    if (leftOut.IsGiven() && OrderByNamesLeftOutColumn(*inner.GetOrderBy(), leftOut))
         return false;
     VerticalListSplitter::RelocateOrderByToOuterList(inner, &outer);
     if (inner.GetOrderBy() != nullptr)
@@ -149,9 +166,10 @@ RqList* VerticalListSplitter::NestWithinOuterReprojection(RqAbstractList& abstra
     abstractListNode.ReplaceInParent(outerList, releaseContainer);
     ZK_ASSERT(outerList->GetProjection()->GetNumColumns() == 0);
 
+    const LeftOut leftOut(pColumnsToLeaveOut);
     RqProjection* innerProjection = abstractListNode.GetProjection();
     if (innerProjection != nullptr)
-        ReprojectInnerColumns(*innerProjection, *outerList->GetProjection(), pColumnsToLeaveOut);
+        ReprojectInnerColumns(*innerProjection, *outerList->GetProjection(), leftOut);
 
     ZK_ASSERT(&abstractListNode == releaseContainer.ReleaseRqNode());
     outerList->SetJoinSpec(
@@ -163,7 +181,7 @@ RqList* VerticalListSplitter::NestWithinOuterReprojection(RqAbstractList& abstra
         innerList->SetDistinct(false);
     }
     const bool bRelocated =
-        innerList != nullptr && MoveOrderByOutward(*innerList, *outerList, pColumnsToLeaveOut);
+        innerList != nullptr && MoveOrderByOutward(*innerList, *outerList, leftOut);
 
     // A database that cannot sort inside a derived table leaves the moved sort to the server.
     if (bRelocated && bInsideDerivedTable && ServerInfo::IsRemoteTargetType(innerTargetType) &&
@@ -184,23 +202,25 @@ void VerticalListSplitter::ComputeEquivalentOuterSortSpecs(RqAbstractList& inner
         return;
     RqProjection* innerProjection = innerList.GetProjection();
     RqProjection* outerProjection = pOuterList->GetProjection();
+    const RqNodeIndexMap readers = IndexReadingColumns(*outerProjection);
     SortSpecVector specs;
     for (int i = 0; i < pOrderBy->GetNumSortSpecs(); ++i) {
         const RqSortSpec* spec = pOrderBy->GetIthSortSpec(i);
-        RqDerivedColumn* innerColumn =
-            spec == nullptr || innerProjection == nullptr
-                ? nullptr
-                : innerProjection->GetMatchingColumn(spec->GetColumnNumber());
-        RqDerivedColumn* outerColumn =
-            innerColumn == nullptr ? nullptr : FindReadingColumn(*outerProjection, innerColumn);
-        if (outerColumn == nullptr) {
+        const int innerIndex = spec == nullptr || innerProjection == nullptr
+                                   ? -1
+                                   : innerProjection->FindColumnIndex(spec->GetColumnNumber());
+        const uint32_t outerIndex = innerIndex < 0
+                                        ? RqNodeIndexMap::kAbsent
+                                        : readers.Find(innerProjection->GetIthColumn(innerIndex));
+        if (outerIndex == RqNodeIndexMap::kAbsent) {
             // A sort on a prefix of the keys would give another order: all or nothing.
             for (RqSortSpec* made : specs)
                 delete made;
             return;
         }
         auto* outerSpec = RQ_NEW RqSortSpec(*spec, false);
-        outerSpec->SetColumnNumber(outerColumn->GetColumnNum());
+        outerSpec->SetColumnNumber(
+            outerProjection->GetIthColumn(static_cast<int>(outerIndex))->GetColumnNum());
         specs.push_back(outerSpec);
     }
     result.insert(result.end(), specs.begin(), specs.end());
@@ -438,6 +458,15 @@ void VerticalListSplitter::AddAggrSubExprs(RqExpr* pExpr, RqProjection& projecti
 
 namespace {
 
+// Orders (expression, break status) pairs by equivalence of the expressions first.
+struct EquivalentKeyLess {
+    bool operator()(const std::pair<const RqExpr*, int>& a,
+                    const std::pair<const RqExpr*, int>& b) const {
+        const int order = RqEquivalence::Compare(a.first, b.first);
+        return order != 0 ? order < 0 : a.second < b.second;
+    }
+};
+
 // The inner column that will stand for both: the earlier one. The later one's readers and
 // the inner ORDER BY's keys that name it move to the survivor.
 void MergeInnerColumns(RqProjection& innerProjection, RqDerivedColumn* survivor,
@@ -453,23 +482,19 @@ void MergeInnerColumns(RqProjection& innerProjection, RqDerivedColumn* survivor,
     }
 }
 
-// A column that something other than a reference names by number (a sort key of a
-// sort-dependent aggregate of its block) cannot be removed.
-bool IsNamedBySortKey(const RqProjection& projection, int columnNum) {
-    for (int i = 0; i < projection.GetNumColumns(); ++i) {
-        RqNodeVector aggrs;
-        FindNodes(projection.GetIthColumn(i), RqNode::IsAggrNode, aggrs);
-        for (RqNode* node : aggrs) {
-            const auto* sorted = RqDynCast<RqExprSortDependentAggr>(node);
-            if (sorted == nullptr)
-                continue;
-            for (const auto& key : sorted->GetSortSpec()) {
-                if (key.m_columnNumber == columnNum)
-                    return true;
-            }
+// The column numbers that sort keys of sort-dependent aggregates of the projection name: such
+// a column cannot be removed, since nothing would rename the key.
+std::set<int> ColumnsNamedBySortKeys(const RqProjection& projection) {
+    std::set<int> named;
+    RqNodeVector aggrs;
+    FindNodes(const_cast<RqProjection*>(&projection), RqNode::IsAggrNode, aggrs);
+    for (RqNode* node : aggrs) {
+        if (const auto* sorted = RqDynCast<RqExprSortDependentAggr>(node)) {
+            for (const auto& key : sorted->GetSortSpec())
+                named.insert(key.m_columnNumber);
         }
     }
-    return false;
+    return named;
 }
 
 // Two columns over one random value are two values.
@@ -484,22 +509,23 @@ void MergeDuplicateInnerColumns(RqProjection& innerProjection) {
     if (block == nullptr || !block->IsRqList() ||
         RqDynCast<RqDerivedTable>(block->GetParent()) == nullptr)
         return;
-    for (int i = 0; i < innerProjection.GetNumColumns(); ++i) {
-        RqDerivedColumn* survivor = innerProjection.GetIthColumn(i);
-        if (!IsMergeable(survivor->GetExpr()))
+    const std::set<int> namedBySortKeys = ColumnsNamedBySortKeys(innerProjection);
+    // The first column of each expression (and break status), found in logarithmic time.
+    std::map<std::pair<const RqExpr*, int>, RqDerivedColumn*, EquivalentKeyLess> survivors;
+    for (int i = 0; i < innerProjection.GetNumColumns();) {
+        RqDerivedColumn* column = innerProjection.GetIthColumn(i);
+        if (!IsMergeable(column->GetExpr())) {
+            ++i;
             continue;
-        for (int j = i + 1; j < innerProjection.GetNumColumns();) {
-            RqDerivedColumn* duplicate = innerProjection.GetIthColumn(j);
-            const bool bSame = duplicate->GetExpr() != nullptr &&
-                               RqEquivalence()(*survivor->GetExpr(), *duplicate->GetExpr()) &&
-                               duplicate->GetBreakStatus() == survivor->GetBreakStatus();
-            if (!bSame || IsNamedBySortKey(innerProjection, duplicate->GetColumnNum())) {
-                ++j;
-                continue;
-            }
-            MergeInnerColumns(innerProjection, survivor, duplicate);
-            innerProjection.DeleteColumn(duplicate);
         }
+        const auto [it, bFirst] =
+            survivors.emplace(std::make_pair(column->GetExpr(), column->GetBreakStatus()), column);
+        if (bFirst || namedBySortKeys.count(column->GetColumnNum()) != 0) {
+            ++i;
+            continue;
+        }
+        MergeInnerColumns(innerProjection, it->second, column);
+        innerProjection.DeleteColumn(column);
     }
 }
 
@@ -605,10 +631,18 @@ void VerticalListSplitter::RelocateGroupByToOuterList(RqList& innerList, RqList&
     auto* outerGroupBy = RQ_NEW RqGroupBy(members, innerGroupBy->GetInternalExecutionMode());
     if (RqExprColumnListOrdered* granularity = innerGroupBy->GetGranularity())
         outerGroupBy->SetGranularity(RqCast<RqExprColumnListOrdered>(granularity->DeepExprCopy()));
+    // The members so far, by equivalence: what HasEquivalentMember answers, without a scan of
+    // the list for every outer column of a wide block.
+    std::set<const RqExpr*, LessEquivalentRqExpr> present;
+    for (int i = 0; i < outerGroupBy->GetNumColumns(); ++i)
+        present.insert(outerGroupBy->GetIthColumn(i));
     for (int i = 0; i < pOuterProjection->GetNumColumns(); ++i) {
         const RqExpr* expr = pOuterProjection->GetIthColumn(i)->GetExpr();
-        if (expr != nullptr && !ReadsAggregate(expr) && !outerGroupBy->HasEquivalentMember(*expr))
-            outerGroupBy->AppendColumn(expr->DeepExprCopy(false));
+        if (expr == nullptr || ReadsAggregate(expr) || present.count(expr) != 0)
+            continue;
+        RqExpr* member = expr->DeepExprCopy(false);
+        outerGroupBy->AppendColumn(member);
+        present.insert(member);
     }
     for (const UInt16Vector& set : sets)
         outerGroupBy->AddGroupingSet(set);
