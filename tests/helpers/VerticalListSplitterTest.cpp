@@ -10,6 +10,7 @@
 #include "Query/Optimizer/Request/SQORRqUtility.h"
 #include "Query/Optimizer/Request/SQORRqVerifier.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSUVerticalListSplitter.h"
+#include "RqRequestGenerator.h"
 
 namespace {
 
@@ -579,6 +580,43 @@ TEST_F(VerticalListSplitterSqlTest, NestingKeepsTheRows) {
         "} groupby (t1.REGION) orderby 1 "
         "desc, 0 } } } } }",
         false);
+}
+
+// Every block of random requests that a derived table, a set operation, a break filter or the
+// request itself holds, nested on its own: the request stays valid and keeps its rows.
+TEST_F(VerticalListSplitterSqlTest, NestingAnyBlockOfRandomRequestsKeepsTheRows) {
+    RqRequestGenerator generator(*m_pRepository);
+    int numNested = 0;
+    int numTried = 0;
+    for (uint64_t seed = 1; seed <= 50; ++seed) {
+        const std::string text = generator.Generate(seed);
+        Heap<RqHandleNode> before(Read(text));
+        ASSERT_TRUE(before);
+        RqNodeVector lists;
+        FindNodes(before.Get(), RqNode::IsObjectType(kRqAbstractList), lists);
+        for (size_t k = 0; k < lists.size(); ++k) {
+            const RqNode* parent = lists[k]->GetParent();
+            if (!parent->IsKindOf(kRqDerivedTable) && !parent->IsKindOf(kRqHandleNode) &&
+                !parent->IsKindOf(kRqAbstractList))
+                continue;
+            SCOPED_TRACE(testing::Message() << "seed " << seed << ", list " << k << "\n" << text);
+            ++numTried;
+            Heap<RqHandleNode> after(RqCast<RqHandleNode>(before->DeepCopy(false)));
+            RqNodeVector copies;
+            FindNodes(after.Get(), RqNode::IsObjectType(kRqAbstractList), copies);
+            VerticalListSplitter::NestWithinOuterReprojection(*RqCast<RqAbstractList>(copies[k]),
+                                                              nullptr, seed % 2 == 0, 0);
+            ExpectValid(*after);
+            SqlCheckOptions options;
+            options.m_seed = seed;
+            options.m_rows = 30;
+            const SqlCheckOutcome outcome = SqlCheck::Compare(*before, *after, Rp(), options);
+            EXPECT_NE(outcome.m_kind, SqlCheckOutcome::kDifferent) << outcome.Report();
+            numNested += outcome.m_kind == SqlCheckOutcome::kSame ? 1 : 0;
+        }
+    }
+    // Most results compare (the rest are refused with a reason, never passed).
+    EXPECT_GT(numNested, numTried / 2);
 }
 
 }  // namespace
