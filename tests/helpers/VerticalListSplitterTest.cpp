@@ -21,6 +21,10 @@ void ExpectValid(const RqNode& root) {
     EXPECT_TRUE(violations.empty()) << RqVerifier::Describe(violations).ToUtf8();
 }
 
+RqDerivedColumn* ReadColumn(const RqExpr* expr) {
+    return RqCast<RqDerivedColumnReference>(expr)->GetDerivedColumn();
+}
+
 // SELECT region (#5), amount (#7), amount * 2 (#8) FROM sales ORDER BY amount DESC, region
 // LIMIT 10 OFFSET 2, read by an outer block through a derived table.
 struct Nested {
@@ -67,14 +71,12 @@ TEST(VerticalListSplitter, NestingReprojectsEveryColumnAndMovesOrderAndPaging) {
         const RqDerivedColumn* column = outerProjection->GetIthColumn(i);
         EXPECT_EQ(column->GetColumnNum(),
                   n.m_pInner->GetProjection()->GetIthColumn(i)->GetColumnNum());
-        EXPECT_EQ(RqCast<RqDerivedColumnReference>(column->GetExpr())->GetDerivedColumn(),
-                  n.m_pInner->GetProjection()->GetIthColumn(i));
+        EXPECT_EQ(ReadColumn(column->GetExpr()), n.m_pInner->GetProjection()->GetIthColumn(i));
     }
     // The top block now reads the outer columns.
     for (int i = 0; i < 2; ++i) {
-        const auto* ref =
-            RqCast<RqDerivedColumnReference>(n.m_pTop->GetProjection()->GetIthColumn(i)->GetExpr());
-        EXPECT_EQ(ref->GetDerivedColumn(), outerProjection->GetIthColumn(i == 0 ? 0 : 2));
+        EXPECT_EQ(ReadColumn(n.m_pTop->GetProjection()->GetIthColumn(i)->GetExpr()),
+                  outerProjection->GetIthColumn(i == 0 ? 0 : 2));
     }
     // ORDER BY, paging and DISTINCT moved outward.
     EXPECT_EQ(n.m_pInner->GetOrderBy(), nullptr);
@@ -107,18 +109,11 @@ TEST(VerticalListSplitter, AddOuterColumnMovesTheComputationUp) {
     EXPECT_EQ(innerProjection->GetNumColumns(), 2);
     const RqExpr* moved = outer->GetProjection()->GetIthColumn(2)->GetExpr();
     ASSERT_TRUE(moved->IsKindOf(kRqExprMultiply)) << ToString(moved).ToUtf8();
-    EXPECT_EQ(RqCast<RqDerivedColumnReference>(moved->GetIthOperand(0))->GetDerivedColumn(),
-              innerProjection->GetIthColumn(1));
+    EXPECT_EQ(ReadColumn(moved->GetIthOperand(0)), innerProjection->GetIthColumn(1));
     // The top block still reads the outer column.
-    EXPECT_EQ(
-        RqCast<RqDerivedColumnReference>(n.m_pTop->GetProjection()->GetIthColumn(1)->GetExpr())
-            ->GetDerivedColumn(),
-        outer->GetProjection()->GetIthColumn(2));
+    EXPECT_EQ(ReadColumn(n.m_pTop->GetProjection()->GetIthColumn(1)->GetExpr()),
+              outer->GetProjection()->GetIthColumn(2));
     ExpectValid(*request);
-}
-
-RqDerivedColumn* ReadColumn(const RqExpr* expr) {
-    return RqCast<RqDerivedColumnReference>(expr)->GetDerivedColumn();
 }
 
 TEST(VerticalListSplitter, NestingLeavesOutColumnsAndKeepsAnOrderOnThem) {
@@ -183,22 +178,6 @@ TEST(VerticalListSplitter, NestingHandsANestedSortToTheServerWhenTheDatabaseCann
         EXPECT_EQ(outer->GetTargetType(), expected);
         EXPECT_EQ(outer->GetOrderBy()->GetTargetType(), expected);
     }
-}
-
-TEST(VerticalListSplitter, NestingASetOperationReadsItsFirstMember) {
-    RqList* first =
-        rqb::Block().Select(rqb::Col(L"a", 1)).From(rqb::Table(VoidID(3, 1), 1)).Build();
-    RqList* second =
-        rqb::Block().Select(rqb::Col(L"b", 2)).From(rqb::Table(VoidID(3, 2), 2)).Build();
-    RqUnion* unionList = rqb::Union({first, second}, true);
-    RqList* top = rqb::Block().Select(Ref(*unionList, 0)).From(rqb::Derived(unionList, 3)).Build();
-    Heap<RqHandleNode> request(rqb::Request(top));
-    RqList* outer = VerticalListSplitter::NestWithinOuterReprojection(*unionList, nullptr, true, 0);
-    EXPECT_EQ(ReadColumn(outer->GetProjection()->GetIthColumn(0)->GetExpr()),
-              first->GetProjection()->GetIthColumn(0));
-    EXPECT_EQ(ReadColumn(top->GetProjection()->GetIthColumn(0)->GetExpr()),
-              outer->GetProjection()->GetIthColumn(0));
-    ExpectValid(*request);
 }
 
 // ---- Composition --------------------------------------------------------------------------
