@@ -254,7 +254,7 @@ TEST(VerticalListSplitter, ComposingIntoAnInnerBlock) {
         nullptr);
 }
 
-TEST(VerticalListSplitterDeathTest, CompositionAssertions) {
+TEST(VerticalListSplitterDeathTest, BrokenInvariantsAreReported) {
     Chain c = MakeChain();
     Heap<RqHandleNode> request(c.m_pRequest);
     RqProjection* mid = c.m_pMid->GetProjection();
@@ -274,6 +274,11 @@ TEST(VerticalListSplitterDeathTest, CompositionAssertions) {
     // The region column is read by no column of mid.
     EXPECT_DEATH(VerticalListSplitter::AddOuterColumn(inner->GetIthColumn(1), *inner, *mid, false),
                  "!derivedColumnReferences.empty\\(\\)");
+    // A GROUP BY cannot move to a block without a projection.
+    c.m_pInner->SetGroupBy(RQ_NEW RqGroupBy({rqb::Col(L"region", 1)}));
+    c.m_pMid->SetProjection(nullptr);
+    EXPECT_DEATH(VerticalListSplitter::RelocateGroupByToOuterList(*c.m_pInner, *c.m_pMid),
+                 "pInnerProjection && pOuterProjection");
 }
 
 // Conditions of a join tree, nested on the left and chained on the right, come out in front

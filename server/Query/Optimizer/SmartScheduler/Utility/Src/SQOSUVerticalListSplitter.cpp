@@ -306,7 +306,8 @@ RqExpr* VerticalListSplitter::RenderChildReferences(RqExpr* pExpr, RqProjection&
     RqExpr* result =
         AddSubExprChildReferences(pExpr, childProjection, bKeepSubqueries, bNoEvaluateInChild);
     if (result != pExpr) {
-        // A detached argument is ours to destroy; one still in a tree is replaced in place.
+        // The argument is replaced: one still in a tree leaves its slot empty for the caller
+        // to fill with the result.
         if (RqNode* parent = pExpr->GetParent())
             parent->ReleaseIthChild(parent->GetChildIndex(pExpr));
         delete pExpr;
@@ -318,9 +319,9 @@ RqExpr* VerticalListSplitter::RenderChildReferences(RqExpr* pExpr, RqProjection&
 
 namespace {
 
-// The children of `source` after its first, copied into `target` by `composeOperand` when they
-// are expressions and deep-copied when they are not (the query block of a subquery). False,
-// with `target` left for the caller to delete, as soon as one operand fails.
+// The children of `source`, in order, appended to `target`: expressions through
+// `composeOperand`, anything else (the query block of a subquery) as a deep copy. False, with
+// `target` left for the caller to delete, as soon as one operand fails.
 template <class ComposeOperand>
 bool ComposeOperands(const RqExpr& source, RqExpr& target, ComposeOperand composeOperand) {
     for (int i = 0; i < source.GetNumChildren(); ++i) {
