@@ -9,6 +9,7 @@
 #include "Query/Optimizer/Request/SQORRqBuilder.h"
 #include "Query/Optimizer/Request/SQORRqUtility.h"
 #include "Query/Optimizer/Request/SQORRqVerifier.h"
+#include "Query/Optimizer/SmartScheduler/Utility/SQOSUAggrFinder.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSUVerticalListSplitter.h"
 #include "RqRequestGenerator.h"
 
@@ -525,17 +526,51 @@ TEST(VerticalListSplitter, AddBreakFilterKeepsAConsistentOrderAndSkipsLargeObjec
 
 // ---- Results kept, checked on SQLite ------------------------------------------------------
 
+// After a nesting, the computed columns of an inner block that neither groups nor removes
+// duplicates move up one by one, as a rule does with columns its database cannot compute;
+// then duplicates merge. Returns the number of columns moved.
+int MoveComputedColumnsUp(RqAbstractList& innerList, RqList& outer) {
+    auto* inner = RqDynCast<RqList>(&innerList);
+    if (inner == nullptr || inner->GetGroupBy() != nullptr || inner->IsDistinct())
+        return 0;
+    RqProjection& projection = *inner->GetProjection();
+    for (int i = 0; i < projection.GetNumColumns(); ++i) {
+        const RqExpr* expr = projection.GetIthColumn(i)->GetExpr();
+        if (AggrFinder::FindAggr(expr) || FoundNodes(expr, RqNode::IsObjectType(kRqExprSubquery)))
+            return 0;
+    }
+    int numMoved = 0;
+    for (int i = 0; i < projection.GetNumColumns();) {
+        RqDerivedColumn* column = projection.GetIthColumn(i);
+        if (column->GetExpr()->IsInnerProjectable() || column->GetNumReferences() == 0) {
+            ++i;
+            continue;
+        }
+        VerticalListSplitter::AddOuterColumn(column, projection, *outer.GetProjection(), false);
+        projection.DeleteColumn(column);
+        ++numMoved;
+        i = 0;
+    }
+    VerticalListSplitter::EliminateDuplicateExpressions(projection, outer);
+    return numMoved;
+}
+
 class VerticalListSplitterSqlTest : public SqlTestCatalog {
 protected:
     // Nests the block labelled `label` (the top block when empty) and checks the result.
-    void ExpectNestingKeepsRows(const std::string& text, bool bMoveDistinct) {
+    // With `bMoveUp`, the computed columns of the nested block then move up.
+    void ExpectNestingKeepsRows(const std::string& text, bool bMoveDistinct, bool bMoveUp = false) {
         Heap<RqHandleNode> before(Read(text));
         ASSERT_TRUE(before);
         Heap<RqHandleNode> after(RqCast<RqHandleNode>(before->DeepCopy(false)));
         RqNodeVector lists;
         FindNodes(after.Get(), RqNode::IsObjectType(kRqList), lists);
         RqAbstractList* inner = RqCast<RqAbstractList>(lists.back());
-        VerticalListSplitter::NestWithinOuterReprojection(*inner, nullptr, bMoveDistinct, 0);
+        RqList* outer =
+            VerticalListSplitter::NestWithinOuterReprojection(*inner, nullptr, bMoveDistinct, 0);
+        if (bMoveUp) {
+            EXPECT_GT(MoveComputedColumnsUp(*inner, *outer), 1);
+        }
         ExpectValid(*after);
         for (uint64_t seed : {1, 2, 3}) {
             SqlCheckOptions options;
@@ -564,14 +599,22 @@ TEST_F(VerticalListSplitterSqlTest, NestingKeepsTheRows) {
         "} groupby (t1.REGION) orderby 1 "
         "desc, 0 } } } } }",
         false);
+    // Computed columns, one of them twice, moved above a sorted block.
+    ExpectNestingKeepsRows(
+        "request { list { select { 0: @c.0 1: @c.1 2: @c.2 3: @c.3 } from { derived t3 { list @c "
+        "{ select { 0: t1.ORDER_ID 1: Mul(t1.AMOUNT, 2) 2: Add(t1.CUST_ID, t1.ORDER_ID) 3: "
+        "Mul(t1.AMOUNT, 2) } from { " ORDERS_T1 "} where Gt(t1.AMOUNT, 10) orderby 1, 0 } } } } }",
+        true, true);
 }
 
 // Every block of random requests that a derived table, a set operation, a break filter or the
-// request itself holds, nested on its own: the request stays valid and keeps its rows.
+// request itself holds, nested on its own (and, every other time, with its computed columns
+// moved up): the request stays valid and keeps its rows.
 TEST_F(VerticalListSplitterSqlTest, NestingAnyBlockOfRandomRequestsKeepsTheRows) {
     RqRequestGenerator generator(*m_pRepository);
     int numNested = 0;
     int numTried = 0;
+    int numMoved = 0;
     for (uint64_t seed = 1; seed <= 50; ++seed) {
         const std::string text = generator.Generate(seed);
         Heap<RqHandleNode> before(Read(text));
@@ -588,8 +631,11 @@ TEST_F(VerticalListSplitterSqlTest, NestingAnyBlockOfRandomRequestsKeepsTheRows)
             Heap<RqHandleNode> after(RqCast<RqHandleNode>(before->DeepCopy(false)));
             RqNodeVector copies;
             FindNodes(after.Get(), RqNode::IsObjectType(kRqAbstractList), copies);
-            VerticalListSplitter::NestWithinOuterReprojection(*RqCast<RqAbstractList>(copies[k]),
-                                                              nullptr, seed % 2 == 0, 0);
+            auto* inner = RqCast<RqAbstractList>(copies[k]);
+            RqList* outer = VerticalListSplitter::NestWithinOuterReprojection(*inner, nullptr,
+                                                                              seed % 2 == 0, 0);
+            if (k % 2 == 1)
+                numMoved += MoveComputedColumnsUp(*inner, *outer);
             ExpectValid(*after);
             SqlCheckOptions options;
             options.m_seed = seed;
@@ -601,6 +647,7 @@ TEST_F(VerticalListSplitterSqlTest, NestingAnyBlockOfRandomRequestsKeepsTheRows)
     }
     // Most results compare (the rest are refused with a reason, never passed).
     EXPECT_GT(numNested, numTried / 2);
+    EXPECT_GT(numMoved, 0);
 }
 
 }  // namespace
