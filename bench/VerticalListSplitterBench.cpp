@@ -1,0 +1,163 @@
+// NestWithinOuterReprojection on requests of growing size, beside a bare Accept traversal of
+// the same request. Three shapes, each from about 10^3 to 10^6 nodes:
+//  - wide: one sorted block with a wide projection, every column read by a reference from
+//    the block above; one nesting reprojects every column and switches every reference.
+//  - derived: a block reading many small derived tables; each of them is nested.
+//  - deep: a chain of blocks, each reading the one below as a derived table; every block of
+//    the chain is nested.
+// The counters give nanoseconds per node of the request before the nesting, so that the
+// shapes and sizes compare directly; a cost that grows faster than the tree shows up as a
+// rising ns/node.
+
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+#include "Query/Optimizer/Request/SQORRqBuilder.h"
+#include "Query/Optimizer/Request/SQORRqVisitorDefaults.h"
+#include "Query/Optimizer/SmartScheduler/Utility/SQOSUVerticalListSplitter.h"
+
+namespace {
+
+using rqb::Ref;
+
+struct Shape {
+    RqHandleNode* m_pRequest;
+    // The blocks to nest, innermost first.
+    std::vector<RqAbstractList*> m_blocks;
+};
+
+// About 6 nodes per column: the inner column and its reader above.
+Shape WideShape(int size) {
+    const int numColumns = size / 6;
+    rqb::Block inner;
+    for (int i = 0; i < numColumns; ++i)
+        inner.Select(rqb::Add(rqb::Col(L"a", 1), rqb::Int(i)));
+    inner.From(rqb::Table(VoidID(3, 1), 1)).OrderBy({{0}, {1, RqSortSpec::kDesc}}).Limit(10);
+    RqList* innerList = inner.Build();
+    rqb::Block outer;
+    for (int i = 0; i < numColumns; ++i)
+        outer.Select(Ref(*innerList, i));
+    outer.From(rqb::Derived(innerList, 2));
+    return {rqb::Request(outer.Build()), {innerList}};
+}
+
+RqList* SmallBlock(int tableNum) {
+    return rqb::Block()
+        .Select(rqb::Col(L"a", tableNum))
+        .Select(rqb::Col(L"b", tableNum))
+        .From(rqb::Table(VoidID(3, 1), tableNum))
+        .Where(rqb::Gt(rqb::Col(L"a", tableNum), rqb::Int(0)))
+        .OrderBy({{1}})
+        .Build();
+}
+
+// About 23 nodes per derived table.
+Shape DerivedShape(int size) {
+    const int numTables = size / 23;
+    Shape shape{nullptr, {}};
+    rqb::Block outer;
+    for (int i = 0; i < numTables; ++i) {
+        RqList* block = SmallBlock(i + 1);
+        shape.m_blocks.push_back(block);
+        outer.Select(rqb::Add(Ref(*block, 0), Ref(*block, 1)));
+        outer.From(rqb::Derived(block, numTables + i + 1));
+    }
+    shape.m_pRequest = rqb::Request(outer.Build());
+    return shape;
+}
+
+// About 14 nodes per block of the chain.
+Shape DeepShape(int size) {
+    const int depth = size / 14;
+    Shape shape{nullptr, {}};
+    RqList* list = SmallBlock(1);
+    shape.m_blocks.push_back(list);
+    for (int level = 1; level < depth; ++level) {
+        RqExpr* a = Ref(*list, 0);
+        RqExpr* b = Ref(*list, 1);
+        list = rqb::Block()
+                   .Select(a)
+                   .Select(rqb::Add(b, rqb::Int(level)))
+                   .From(rqb::Derived(list, level + 1))
+                   .OrderBy({{0, RqSortSpec::kDesc}})
+                   .Build();
+        shape.m_blocks.push_back(list);
+    }
+    shape.m_pRequest = rqb::Request(list);
+    return shape;
+}
+
+using MakeShape = Shape (*)(int);
+
+class NodeCounter : public RqNodeVisitorDefaults<AVisitorRqNode> {
+public:
+    RQ_VISIT_DEFAULTS(RqNodeVisitorDefaults<AVisitorRqNode>);
+    bool VisitAny(RqNode&) override {
+        ++m_count;
+        return false;
+    }
+    int64_t m_count = 0;
+};
+
+int64_t CountNodes(RqNode& root) {
+    NodeCounter counter;
+    root.Accept(counter);
+    return counter.m_count;
+}
+
+void SetPerNode(benchmark::State& state, int64_t numNodes) {
+    state.counters["nodes"] = static_cast<double>(numNodes);
+    state.counters["ns/node"] = benchmark::Counter(
+        static_cast<double>(numNodes) * 1e-9,
+        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+void BM_NestWithinOuterReprojection(benchmark::State& state, MakeShape make) {
+    const int size = static_cast<int>(state.range(0));
+    int64_t numNodes = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        Shape shape = make(size);
+        Heap<RqHandleNode> request(shape.m_pRequest);
+        numNodes = CountNodes(*request);
+        state.ResumeTiming();
+        uint32_t level = 0;
+        for (RqAbstractList* block : shape.m_blocks) {
+            RqList* outer =
+                VerticalListSplitter::NestWithinOuterReprojection(*block, nullptr, true, level);
+            benchmark::DoNotOptimize(outer);
+        }
+        state.PauseTiming();
+        request.Reset();
+        state.ResumeTiming();
+    }
+    SetPerNode(state, numNodes);
+}
+
+void BM_BareAccept(benchmark::State& state, MakeShape make) {
+    Shape shape = make(static_cast<int>(state.range(0)));
+    Heap<RqHandleNode> request(shape.m_pRequest);
+    int64_t numNodes = 0;
+    for (auto _ : state) {
+        numNodes = CountNodes(*request);
+        benchmark::DoNotOptimize(numNodes);
+    }
+    SetPerNode(state, numNodes);
+}
+
+#define RQ_SPLITTER_BENCH(shape)                                           \
+    BENCHMARK_CAPTURE(BM_NestWithinOuterReprojection, shape, shape##Shape) \
+        ->RangeMultiplier(10)                                              \
+        ->Range(1000, 1000000)                                             \
+        ->Unit(benchmark::kMicrosecond);                                   \
+    BENCHMARK_CAPTURE(BM_BareAccept, shape, shape##Shape)                  \
+        ->RangeMultiplier(10)                                              \
+        ->Range(1000, 1000000)                                             \
+        ->Unit(benchmark::kMicrosecond);
+
+RQ_SPLITTER_BENCH(Wide)
+RQ_SPLITTER_BENCH(Derived)
+RQ_SPLITTER_BENCH(Deep)
+
+}  // namespace
