@@ -25,8 +25,8 @@ public:
     // DISTINCT moves outward when `bMoveDistinct` is set. `nestingLevel` is the nesting level
     // of the block's place; the new derived table is one deeper. Returns the outer block.
     static RqList* NestWithinOuterReprojection(RqAbstractList& abstractListNode,
-                                               Int32Vector* pColumnsToLeaveOut,
-                                               bool bMoveDistinct, uint32_t nestingLevel);
+                                               Int32Vector* pColumnsToLeaveOut, bool bMoveDistinct,
+                                               uint32_t nestingLevel);
 
     // Gives the outer projection what `pChildColumn` of the inner projection computes, read
     // through the inner block: every reference of the outer projection to the child column
