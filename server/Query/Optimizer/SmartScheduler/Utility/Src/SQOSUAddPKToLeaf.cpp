@@ -343,4 +343,16 @@ void AddPKToLeaf::PushUpUnsupportedColumns(RqList& list) {
         m_bPushedUpUnsupportedColumns = true;
         i = 0;
     }
+    if (outerList == nullptr)
+        return;
+    // The computations that moved out are the server's now, and the columns they left
+    // behind in the block are read from the framework like the others.
+    MarkOuterBlockForServer(*outerList);
+    for (int c = 0; c < innerProjection->GetNumColumns(); ++c) {
+        RqDerivedColumn* column = innerProjection->GetIthColumn(c);
+        if (column->GetTargetType() == ServerInfo::kUnknown && column->GetExpr() != nullptr) {
+            column->MarkTargetType(column->GetExpr()->GetTargetType());
+            column->MarkTargetID(column->GetExpr()->GetTargetID());
+        }
+    }
 }
