@@ -147,9 +147,11 @@ bool AddPKToLeaf::Visit(RqList& list) {
 
     // A block whose columns are not read through a derived table gives its columns to the
     // request or to a consumer that reads them by position (a subquery, a break filter):
-    // the server takes the keyed rows in an outer block that keeps the block's columns.
+    // the server takes the keyed rows in an outer block that keeps the block's columns. A
+    // DISTINCT block would keep rows apart by their keys: its DISTINCT moves to that outer
+    // block too, over the block's own columns.
     const RqNode* parent = list.GetParent();
-    if (parent != nullptr && !parent->IsKindOf(kRqDerivedTable)) {
+    if (parent != nullptr && (!parent->IsKindOf(kRqDerivedTable) || list.IsDistinct())) {
         RqList* outer = VerticalListSplitter::NestWithinOuterReprojection(list, nullptr, true, 0);
         ZK_ASSERT(NULL != outer);
         MarkOuterBlockForServer(*outer);
