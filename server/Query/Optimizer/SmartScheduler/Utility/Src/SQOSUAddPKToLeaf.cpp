@@ -84,6 +84,57 @@ void MarkOuterBlockForServer(RqList& outerList) {
     }
 }
 
+// The block groups or aggregates: its rows are not the framework's rows.
+bool AggregatesRows(const RqList& list) {
+    return list.GetGroupBy() != nullptr || list.GetSummaryFilter() != nullptr ||
+           list.GetHaving() != nullptr || FoundNodes(list.GetProjection(), RqNode::IsAggrNode);
+}
+
+// Replaces, in `root`'s subtree, every column of the block's FROM clause (a table column, a
+// column of one of its derived tables) by a reference to a column of `projection` that
+// computes it, adding the columns it lacks. Subqueries are left alone: their columns are
+// their own blocks'.
+void RenderLeafColumns(RqNode& root, RqProjection& projection) {
+    std::vector<RqNode*> work{&root};
+    while (!work.empty()) {
+        RqNode* node = work.back();
+        work.pop_back();
+        for (int i = 0; i < node->GetNumChildren(); ++i) {
+            RqNode* child = node->GetIthChild(i);
+            if (child == nullptr || child->IsKindOf(kRqExprSubquery))
+                continue;
+            if (child->IsKindOf(kRqTargetColumn) || child->IsKindOf(kRqDerivedColumnReference)) {
+                RqDerivedColumn* column = projection.InsertColumnExpr(RqCast<RqExpr>(child));
+                node->SetIthChild(i, RQ_NEW RqDerivedColumnReference(column));
+            } else {
+                work.push_back(child);
+            }
+        }
+    }
+}
+
+template <class Clause>
+Clause* RenderedCopy(const Clause* clause, RqProjection& projection) {
+    if (clause == nullptr)
+        return nullptr;
+    Clause* copy = RqCast<Clause>(clause->DeepCopy(false));
+    RenderLeafColumns(*copy, projection);
+    return copy;
+}
+
+// The grouping and the filters on groups move to the server's outer block, over columns of
+// the block: the framework returns the rows, the server groups them. The aggregates follow
+// with the push-up of computed columns.
+void MoveAggregationOutward(RqList& list, RqList& outerList) {
+    RqProjection& projection = *list.GetProjection();
+    outerList.SetGroupBy(RenderedCopy(list.GetGroupBy(), projection));
+    outerList.SetSummaryFilter(RenderedCopy(list.GetSummaryFilter(), projection));
+    outerList.SetHaving(RenderedCopy(list.GetHaving(), projection));
+    list.SetGroupBy(nullptr);
+    list.SetSummaryFilter(nullptr);
+    list.SetHaving(nullptr);
+}
+
 template <class SetOperation>
 void WrapFrameworkBranches(SetOperation& setOperation) {
     for (int i = 0; i < setOperation.GetNumLists(); ++i) {
@@ -150,16 +201,22 @@ bool AddPKToLeaf::Visit(RqList& list) {
     // the server takes the keyed rows in an outer block that keeps the block's columns. A
     // DISTINCT block would keep rows apart by their keys: its DISTINCT moves to that outer
     // block too, over the block's own columns.
+    // A grouping block's keys would split its groups: the grouping moves out with it.
     const RqNode* parent = list.GetParent();
-    if (parent != nullptr && (!parent->IsKindOf(kRqDerivedTable) || list.IsDistinct())) {
-        RqList* outer = VerticalListSplitter::NestWithinOuterReprojection(list, nullptr, true, 0);
+    const bool bAggregates = AggregatesRows(list);
+    RqList* outer = nullptr;
+    if (parent != nullptr &&
+        (!parent->IsKindOf(kRqDerivedTable) || list.IsDistinct() || bAggregates)) {
+        outer = VerticalListSplitter::NestWithinOuterReprojection(list, nullptr, true, 0);
         ZK_ASSERT(NULL != outer);
         MarkOuterBlockForServer(*outer);
+        if (bAggregates)
+            MoveAggregationOutward(list, *outer);
     }
 
     AppendKeyColumns(list, targetType, pkColumns);
     m_bAddedPrimaryKeyColumns = true;
-    PushUpUnsupportedColumns(list);
+    PushUpUnsupportedColumns(list, outer);
     return true;
 }
 
@@ -320,17 +377,59 @@ void AddPKToLeaf::GetPKColumnsIfTableNotUsedInProjection(RqProjection* projectio
     GetPKColumnsFromTable(rqTable, pkColumns, rp);
 }
 
+namespace {
+
+// Plain columns of the block's FROM clause are read from the framework where they stand:
+// their marks say so. The rendering of a moved computation copies its operands into the
+// block with the marks they had, so this runs again after every move.
+void MarkPlainColumnsForTarget(RqProjection& projection, ServerInfo::TargetType targetType,
+                               const VoidID& targetID) {
+    for (int c = 0; c < projection.GetNumColumns(); ++c) {
+        RqDerivedColumn* column = projection.GetIthColumn(c);
+        RqExpr* expr = column->GetExpr();
+        if (expr == nullptr || !expr->IsTargetColumn())
+            continue;
+        if (!AddPKToLeaf::IsFrameworkTargetType(expr->GetTargetType())) {
+            expr->MarkTargetType(targetType);
+            expr->MarkTargetID(targetID);
+        }
+        if (column->GetTargetType() == ServerInfo::kUnknown) {
+            column->MarkTargetType(targetType);
+            column->MarkTargetID(targetID);
+        }
+    }
+}
+
+// A column the framework returns as it stands: a table column it runs, or a column of one
+// of the block's derived tables (moving that out would only render it back in).
+bool StaysInFrameworkBlock(const RqExpr* expr) {
+    if (expr == nullptr)
+        return false;
+    if (expr->IsKindOf(kRqDerivedColumnReference))
+        return true;
+    return AddPKToLeaf::IsFrameworkTargetType(expr->GetTargetType()) &&
+           expr->IsKindOf(kRqTargetColumn);
+}
+
+}  // namespace
+
 void AddPKToLeaf::PushUpUnsupportedColumns(RqList& list) {
+    PushUpUnsupportedColumns(list, nullptr);
+}
+
+void AddPKToLeaf::PushUpUnsupportedColumns(RqList& list, RqList* outerList) {
     RqProjection* innerProjection = list.GetProjection();
     ZK_ASSERT(NULL != innerProjection);
-    RqList* outerList = nullptr;
-    RqProjection* outerProjection = nullptr;
+    const ServerInfo::TargetType targetType = BlockTargetType(list);
+    const VoidID targetID =
+        list.GetJoinSpec() != nullptr ? list.GetJoinSpec()->GetTargetID() : list.GetTargetID();
+    MarkPlainColumnsForTarget(*innerProjection, targetType, targetID);
+
+    RqProjection* outerProjection = outerList != nullptr ? outerList->GetProjection() : nullptr;
     int i = 0;
     while (i < innerProjection->GetNumColumns()) {
         RqDerivedColumn* column = innerProjection->GetIthColumn(i);
-        const RqExpr* expr = column->GetExpr();
-        if (expr != nullptr && IsFrameworkTargetType(expr->GetTargetType()) &&
-            expr->IsKindOf(kRqTargetColumn)) {
+        if (StaysInFrameworkBlock(column->GetExpr())) {
             ++i;
             continue;
         }
@@ -338,23 +437,14 @@ void AddPKToLeaf::PushUpUnsupportedColumns(RqList& list) {
             outerList = VerticalListSplitter::NestWithinOuterReprojection(list, nullptr, true, 0);
             outerProjection = outerList != nullptr ? outerList->GetProjection() : nullptr;
             ZK_ASSERT(NULL != outerProjection);
-            MarkOuterBlockForServer(*outerList);
         }
         VerticalListSplitter::AddOuterColumn(column, *innerProjection, *outerProjection, false);
         innerProjection->DeleteColumn(column);
+        MarkPlainColumnsForTarget(*innerProjection, targetType, targetID);
         m_bPushedUpUnsupportedColumns = true;
         i = 0;
     }
-    if (outerList == nullptr)
-        return;
-    // The computations that moved out are the server's now, and the columns they left
-    // behind in the block are read from the framework like the others.
-    MarkOuterBlockForServer(*outerList);
-    for (int c = 0; c < innerProjection->GetNumColumns(); ++c) {
-        RqDerivedColumn* column = innerProjection->GetIthColumn(c);
-        if (column->GetTargetType() == ServerInfo::kUnknown && column->GetExpr() != nullptr) {
-            column->MarkTargetType(column->GetExpr()->GetTargetType());
-            column->MarkTargetID(column->GetExpr()->GetTargetID());
-        }
-    }
+    // The computations that moved out are the server's now.
+    if (outerList != nullptr)
+        MarkOuterBlockForServer(*outerList);
 }

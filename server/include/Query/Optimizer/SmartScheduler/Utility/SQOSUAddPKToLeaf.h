@@ -67,6 +67,9 @@ public:
 private:
     // The list of key columns `list` must project (step 3 of the rewrite).
     void ChooseKeyColumns(RqList& list, RqProjection* projection, TargetColInfoList& pkColumns);
+    // Moves the columns out into `outerList`, a block over `list` made earlier, or into a
+    // new one when it is null.
+    void PushUpUnsupportedColumns(RqList& list, RqList* outerList);
     void AppendKeyColumns(RqList& list, ServerInfo::TargetType targetType,
                           const TargetColInfoList& pkColumns);
 
