@@ -153,7 +153,7 @@ TEST_F(AddPKToLeafTest, ResultFlagsTellWhatThePassDid) {
 }
 
 TEST_F(AddPKToLeafTest, VisitAnswersWhetherTheBlockWasTakenCareOf) {
-    Heap<RqHandleNode> request = Request("0: t1.NAME", "table Fw.PARTS t2");
+    Heap<RqHandleNode> request = Request("0: t2.NAME", "table Fw.PARTS t2");
     AddPKToLeaf rule(m_pSession.get());
     // A framework block without joins needs no key, and is still the rule's: true.
     const std::string before = RqTextWriter::Write(*request);
