@@ -135,13 +135,15 @@ void MoveAggregationOutward(RqList& list, RqList& outerList) {
     list.SetHaving(nullptr);
 }
 
+// The branch is detached by its position: a search for it among its siblings would make a
+// wide set operation quadratic.
 template <class SetOperation>
 void WrapFrameworkBranches(SetOperation& setOperation) {
     for (int i = 0; i < setOperation.GetNumLists(); ++i) {
         const RqList* branch = RqDynCast<RqList>(setOperation.GetIthList(i));
         if (branch == nullptr || !AddPKToLeaf::IsFrameworkTargetType(BlockTargetType(*branch)))
             continue;
-        RqList* oldLeafSubList = RqDynCast<RqList>(setOperation.GetIthList(i)->ReleaseFromParent());
+        RqList* oldLeafSubList = RqDynCast<RqList>(setOperation.ReleaseIthChild(i));
         ZK_ASSERT(NULL != oldLeafSubList);
         RqList* newOuterListForCombinedSelect =
             VerticalListSplitter::NestWithinOuterReprojection(*oldLeafSubList, nullptr, true, 0);
