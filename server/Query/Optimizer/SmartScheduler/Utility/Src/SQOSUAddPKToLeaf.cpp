@@ -127,6 +127,20 @@ Clause* RenderedCopy(const Clause* clause, RqProjection& projection) {
 // with the push-up of computed columns.
 void MoveAggregationOutward(RqList& list, RqList& outerList) {
     RqProjection& projection = *list.GetProjection();
+    // Grouping columns are found by their expressions, so each outer column reads the first
+    // block column that computes its value: a repeated grouping column then reads the very
+    // column the groups are formed by.
+    RqProjection& outerProjection = *outerList.GetProjection();
+    for (int i = 0; i < outerProjection.GetNumColumns(); ++i) {
+        RqDerivedColumn* outerColumn = outerProjection.GetIthColumn(i);
+        const auto* ref = RqDynCast<RqDerivedColumnReference>(outerColumn->GetExpr());
+        RqDerivedColumn* read = ref != nullptr ? ref->GetDerivedColumn() : nullptr;
+        if (read == nullptr || read->GetExpr() == nullptr)
+            continue;
+        RqDerivedColumn* first = projection.GetMatchingColumn(read->GetExpr());
+        if (first != nullptr && first != read)
+            outerColumn->SetExpr(RQ_NEW RqDerivedColumnReference(first));
+    }
     outerList.SetGroupBy(RenderedCopy(list.GetGroupBy(), projection));
     outerList.SetSummaryFilter(RenderedCopy(list.GetSummaryFilter(), projection));
     outerList.SetHaving(RenderedCopy(list.GetHaving(), projection));
