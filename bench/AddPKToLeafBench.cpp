@@ -92,7 +92,7 @@ void BM_AddPKToLeaf(benchmark::State& state) {
     }
     state.counters["nodes"] = static_cast<double>(nodes);
     state.counters["ns/node"] = benchmark::Counter(
-        static_cast<double>(nodes) * 1e-9,
+        static_cast<double>(nodes),
         benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.SetComplexityN(nodes);
 }
@@ -114,7 +114,7 @@ void BM_AddPKToLeafBareTraversal(benchmark::State& state) {
     }
     state.counters["nodes"] = static_cast<double>(nodes);
     state.counters["ns/node"] = benchmark::Counter(
-        static_cast<double>(nodes) * 1e-9,
+        static_cast<double>(nodes),
         benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.SetComplexityN(nodes);
 }
