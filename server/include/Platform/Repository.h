@@ -45,6 +45,9 @@ enum ColumnKind : int {
     kColumnKind_Lookup = 3,    // value looked up in another table
     kColumnKind_MultiValued = 4,
     kColumnKind_MultiValuedSet = 8,
+    // A plain stored value that the source stamps with the time the row last changed; the
+    // source tracks changes through it, so a filter on it can be answered incrementally.
+    kColumnKind_LastUpdate = 16,
 };
 
 inline bool IsMultiValuedColumnKind(int kind) {

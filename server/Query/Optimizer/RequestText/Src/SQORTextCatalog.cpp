@@ -35,6 +35,7 @@ constexpr ColumnKindName kColumnKinds[] = {
     {kColumnKind_Lookup, "lookup"},
     {kColumnKind_MultiValued, "multivalued"},
     {kColumnKind_MultiValuedSet, "multivaluedset"},
+    {kColumnKind_LastUpdate, "lastupdate"},
 };
 
 struct CardinalityName {
