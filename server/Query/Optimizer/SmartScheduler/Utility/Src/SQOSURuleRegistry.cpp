@@ -5,6 +5,7 @@
 #include "Platform/ErrorMessage.h"
 #include "Platform/SystemUtility.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSUAddPKToLeaf.h"
+#include "Query/Optimizer/SmartScheduler/Utility/SQOSUAssignTargets.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSURemoveRedundantOrderBy.h"
 
 namespace {
@@ -21,6 +22,14 @@ const std::vector<RuleInfo>& RuleTable() {
             "columns into an outer block that the server evaluates.",
             [](const RuleContext& context, const NoRuleOptions&) -> std::unique_ptr<RewriteRule> {
                 return std::make_unique<AddPKToLeaf>(context.m_pRp);
+            }),
+        RuleInfo::Make<NoRuleOptions>(
+            "AssignTargets",
+            "Not a rewrite: the server's target assignment between two rules. A node whose "
+            "target type is unknown gets the type of the source it is still bound to, or the "
+            "server's own engine when it is bound to none.",
+            [](const RuleContext& context, const NoRuleOptions&) -> std::unique_ptr<RewriteRule> {
+                return std::make_unique<AssignTargets>(context.m_pRp);
             }),
         RuleInfo::Make<NoRuleOptions>(
             "RemoveRedundantOrderBy",
@@ -41,7 +50,7 @@ const std::vector<PipelineInfo>& PipelineTable() {
         // take their place here as they are written.
         {"default",
          "The typical run of the optimizer over a request.",
-         {"RemoveRedundantOrderBy", "AddPKToLeaf"}},
+         {"RemoveRedundantOrderBy", "AssignTargets", "AddPKToLeaf"}},
         {"none", "No rule: reads and prints the request.", {}},
     };
     return table;
