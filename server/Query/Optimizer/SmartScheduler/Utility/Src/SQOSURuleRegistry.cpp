@@ -4,6 +4,7 @@
 
 #include "Platform/ErrorMessage.h"
 #include "Platform/SystemUtility.h"
+#include "Query/Optimizer/SmartScheduler/Utility/SQOSUDeleteOrphanCols.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSURemoveRedundantOrderBy.h"
 
 namespace {
@@ -12,6 +13,13 @@ namespace {
 // gateway, declared in its options struct.
 const std::vector<RuleInfo>& RuleTable() {
     static const std::vector<RuleInfo> table = {
+        RuleInfo::Make<NoRuleOptions>(
+            "DeleteOrphanCols",
+            "Deletes from nested blocks the projected columns that no enclosing block, join, "
+            "sort or break reads, and renumbers the join columns that point past them.",
+            [](const RuleContext& context, const NoRuleOptions&) -> std::unique_ptr<RewriteRule> {
+                return std::make_unique<DeleteOrphanCols>(context.m_pRp);
+            }),
         RuleInfo::Make<NoRuleOptions>(
             "RemoveRedundantOrderBy",
             "Deletes every ORDER BY but the outermost one (and that one too when a join of two "
@@ -29,7 +37,9 @@ const std::vector<PipelineInfo>& PipelineTable() {
         // database tables, groups and sorts: orderings first, then key columns, orphan
         // columns, unsupported filters and finally the local aggregation and sorts. Rules
         // take their place here as they are written.
-        {"default", "The typical run of the optimizer over a request.", {"RemoveRedundantOrderBy"}},
+        {"default",
+         "The typical run of the optimizer over a request.",
+         {"RemoveRedundantOrderBy", "DeleteOrphanCols"}},
         {"none", "No rule: reads and prints the request.", {}},
     };
     return table;
