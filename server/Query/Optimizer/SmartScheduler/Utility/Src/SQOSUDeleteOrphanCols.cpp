@@ -32,8 +32,80 @@ namespace {
 
 using DeleteOrphanColsLocal::ComputeNewJoinIndexes;
 
+// Calls `fn` on every node of the subtree of `root` (the root included) in pre-order, until
+// `fn` answers true; answers whether it did. Expressions are small: their walk keeps its
+// stack in place and only a large one costs an allocation.
+template <class Fn>
+bool AnyNode(const RqNode* root, Fn fn) {
+    if (root == nullptr)
+        return false;
+    if (root->GetNumChildren() == 0)
+        return fn(root);
+    constexpr size_t kInPlace = 32;
+    const RqNode* inPlace[kInPlace];
+    std::vector<const RqNode*> spilled;
+    size_t size = 0;
+    const auto push = [&](const RqNode* node) {
+        if (size < kInPlace)
+            inPlace[size] = node;
+        else
+            spilled.push_back(node);
+        ++size;
+    };
+    const auto pop = [&]() {
+        --size;
+        if (size < kInPlace)
+            return inPlace[size];
+        const RqNode* node = spilled.back();
+        spilled.pop_back();
+        return node;
+    };
+    push(root);
+    while (size > 0) {
+        const RqNode* node = pop();
+        if (fn(node))
+            return true;
+        for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
+            if (const RqNode* child = node->GetIthChild(i))
+                push(child);
+        }
+    }
+    return false;
+}
+
 bool ContainsKind(const RqNode* root, RqNodeType_e kind) {
-    return FoundNodes(root, RqNode::IsObjectType(kind));
+    return AnyNode(root, [kind](const RqNode* node) { return node->IsKindOf(kind); });
+}
+
+bool ContainsAggr(const RqNode* root) {
+    return AnyNode(root, [](const RqNode* node) { return RqNode::IsAggrNode(node); });
+}
+
+// Calls `fn` with the column of every derived column reference below `root`.
+template <class Fn>
+void ForEachReferencedColumn(const RqNode* root, Fn fn) {
+    AnyNode(root, [&fn](const RqNode* node) {
+        if (const RqDerivedColumnReference* reference = RqDynCast<RqDerivedColumnReference>(node)) {
+            if (RqDerivedColumn* column = reference->GetDerivedColumn())
+                fn(column);
+        }
+        return false;
+    });
+}
+
+// Calls `fn` with every table reference of the join spec, in order. The join nodes are read
+// in one pass over the spec's children (counting them anew per reference would cost a pass
+// per reference).
+template <class Fn>
+void ForEachTableReference(RqJoinSpec* joinSpec, Fn fn) {
+    if (joinSpec == nullptr)
+        return;
+    for (int i = 0; i < joinSpec->GetNumChildren(); ++i) {
+        if (const RqJoinNode* joinNode = RqDynCast<RqJoinNode>(joinSpec->GetIthChild(i))) {
+            if (RqTableReference* reference = joinNode->GetTableReference())
+                fn(reference);
+        }
+    }
 }
 
 // Follows an expression through derived column references down to the expression of the
@@ -52,26 +124,19 @@ RqExpr* GetPointerToLeaf(RqExpr* expr) {
 // references reads: such a column shows whether its block's rows are at the grain a
 // consumer expects, and that answer needs the inputs it checks.
 bool HasGrainCheckExpr(RqExpr* expr) {
-    if (ContainsKind(expr, kRqExprGrainCheckDisplay))
-        return true;
-    RqNodeVector references;
-    FindNodes(expr, RqNode::IsObjectType(kRqDerivedColumnReference), references);
-    for (RqNode* node : references) {
-        const RqDerivedColumn* column = RqCast<RqDerivedColumnReference>(node)->GetDerivedColumn();
-        if (column != nullptr && ContainsKind(column->GetExpr(), kRqExprGrainCheckDisplay))
+    return AnyNode(expr, [](const RqNode* node) {
+        if (node->IsKindOf(kRqExprGrainCheckDisplay))
             return true;
-    }
-    return false;
+        const RqDerivedColumnReference* reference = RqDynCast<RqDerivedColumnReference>(node);
+        const RqDerivedColumn* column =
+            reference != nullptr ? reference->GetDerivedColumn() : nullptr;
+        return column != nullptr && ContainsKind(column->GetExpr(), kRqExprGrainCheckDisplay);
+    });
 }
 
 // Adds the column of every derived column reference below `root`.
-void AddReferencedColumns(RqNode* root, RqDerivedColumnSet& columnRefs) {
-    RqNodeVector references;
-    FindNodes(root, RqNode::IsObjectType(kRqDerivedColumnReference), references);
-    for (RqNode* node : references) {
-        if (RqDerivedColumn* column = RqCast<RqDerivedColumnReference>(node)->GetDerivedColumn())
-            columnRefs.insert(column);
-    }
+void AddReferencedColumns(const RqNode* root, RqDerivedColumnSet& columnRefs) {
+    ForEachReferencedColumn(root, [&](RqDerivedColumn* column) { columnRefs.insert(column); });
 }
 
 // The search conditions of a table reference and of the references nested in its sides.
@@ -108,67 +173,103 @@ const RqExprColumnList* OrderedColumnList(const RqExpr* expr) {
     return list != nullptr && list->GetNumColumns() > 0 ? list : nullptr;
 }
 
+// Marks by projection position: the columns a block is about to lose.
+using ColumnMarks = std::vector<char>;
+
+// What the rule needs to know of one projected column, read in one walk of its expression.
+}  // namespace
+
+struct DeleteOrphanCols::ColumnFacts {
+    bool m_bPresent = false;    // the slot holds a column
+    bool m_bConstant = false;   // its expression does not depend on any row
+    bool m_bReal = false;       // it carries a value of its own (IsRealColumn)
+    bool m_bAggr = false;       // its expression holds an aggregate
+    bool m_bTopN = false;       // ... a TopN or BottomN aggregate
+    bool m_bRand = false;       // ... a random number
+    bool m_bReference = false;  // ... a derived column reference
+
+    static ColumnFacts Of(const RqDerivedColumn* column) {
+        ColumnFacts facts;
+        if (column == nullptr)
+            return facts;
+        facts.m_bPresent = true;
+        const RqExpr* expr = column->GetExpr();
+        // Columns, references and aggregates are never constant: the full test (a walk of
+        // its own) is left for the other expressions.
+        facts.m_bConstant =
+            expr != nullptr && !expr->IsKindOf(kRqColumn) && !expr->IsAggr() && expr->IsConstant();
+        facts.m_bReal = (expr != nullptr && !facts.m_bConstant) ||
+                        ServerInfo::IsRemoteTargetType(column->GetTargetType());
+        AnyNode(expr, [&facts](const RqNode* node) {
+            facts.m_bAggr |= RqNode::IsAggrNode(node);
+            facts.m_bTopN |= node->IsKindOf(kRqExprAggrTopN) || node->IsKindOf(kRqExprAggrBottomN);
+            facts.m_bRand |= node->IsKindOf(kRqExprRand);
+            facts.m_bReference |= node->IsKindOf(kRqDerivedColumnReference);
+            return false;
+        });
+        return facts;
+    }
+    // For the level of a block without GROUP BY: a value read outside any aggregate, or an
+    // aggregate (constants count as neither).
+    bool IsPlain() const { return m_bPresent && !m_bConstant && !m_bAggr; }
+    bool IsAggr() const { return m_bPresent && !m_bConstant && m_bAggr; }
+};
+namespace {
+
+using ColumnFacts = DeleteOrphanCols::ColumnFacts;
+using ColumnFactsVector = std::vector<ColumnFacts>;
+
+ColumnFactsVector FactsOf(const RqProjection& projection) {
+    ColumnFactsVector facts(projection.GetNumColumns());
+    for (int i = 0; i < projection.GetNumColumns(); ++i)
+        facts[i] = ColumnFacts::Of(projection.GetIthColumn(i));
+    return facts;
+}
+
 // What decides the number of rows of a block without GROUP BY: some projected value reads a
 // row outside any aggregate (one row per detail row), or only aggregates do (one row per
 // aggregate level). Deleting columns must not move a block from one to the other.
 struct GrainShape {
     bool m_bHasAggr = false;
     bool m_bHasPlain = false;
-    void Add(const RqDerivedColumn* column) {
-        const RqExpr* expr = column->GetExpr();
-        if (expr == nullptr || expr->IsConstant())
-            return;
-        if (AggrFinder::FindAggr(expr))
-            m_bHasAggr = true;
-        else
-            m_bHasPlain = true;
+    void Add(const ColumnFacts& facts) {
+        m_bHasAggr |= facts.IsAggr();
+        m_bHasPlain |= facts.IsPlain();
     }
     bool IsDetailsLevel() const { return m_bHasPlain || !m_bHasAggr; }
 };
 
-bool IsPlainColumn(const RqDerivedColumn* column) {
-    GrainShape shape;
-    shape.Add(column);
-    return shape.m_bHasPlain;
-}
-
-bool IsAggrColumn(const RqDerivedColumn* column) {
-    GrainShape shape;
-    shape.Add(column);
-    return shape.m_bHasAggr;
-}
-
-// When deleting `doomed` from the projection of a block without GROUP BY would change its
-// level, the first doomed column that restores it; otherwise null.
-RqDerivedColumn* ColumnThatKeepsGrain(const RqList& listNode, const RqDerivedColumnVector& doomed) {
-    const RqProjection* projection = listNode.GetProjection();
-    if (listNode.GetGroupBy() != nullptr || projection == nullptr || doomed.empty())
-        return nullptr;
+// When deleting the `doomed` columns of a block without GROUP BY would change its level,
+// the position of the first doomed column that keeps it; otherwise -1.
+int ColumnThatKeepsGrain(const RqList& listNode, const ColumnFactsVector& facts,
+                         const ColumnMarks& doomed) {
+    if (listNode.GetGroupBy() != nullptr ||
+        std::find(doomed.begin(), doomed.end(), 1) == doomed.end())
+        return -1;
     GrainShape before;
     GrainShape after;
-    for (int i = 0; i < projection->GetNumColumns(); ++i) {
-        const RqDerivedColumn* column = projection->GetIthColumn(i);
-        if (column == nullptr)
-            continue;
-        before.Add(column);
-        if (std::find(doomed.begin(), doomed.end(), column) == doomed.end())
-            after.Add(column);
+    for (size_t i = 0; i < facts.size(); ++i) {
+        before.Add(facts[i]);
+        if (!doomed[i])
+            after.Add(facts[i]);
     }
     if (before.IsDetailsLevel() == after.IsDetailsLevel())
-        return nullptr;
-    const auto needed = before.IsDetailsLevel() ? IsPlainColumn : IsAggrColumn;
-    const auto found = std::find_if(doomed.begin(), doomed.end(), needed);
-    return found != doomed.end() ? *found : nullptr;
+        return -1;
+    for (size_t i = 0; i < facts.size(); ++i) {
+        if (doomed[i] && (before.IsDetailsLevel() ? facts[i].IsPlain() : facts[i].IsAggr()))
+            return static_cast<int>(i);
+    }
+    return -1;
 }
 
 // Whether a block whose aggregates are all gone may trade its GROUP BY for DISTINCT and keep
 // its rows: every grouping column is still projected (so DISTINCT separates the groups), the
 // block is grouped once (stacked grouping sets would merge), and no filter on aggregated rows
 // would lose the grouping it is evaluated at.
-bool GroupByBecomesDistinct(const RqList& listNode, const RqDerivedColumnVector& doomed) {
+bool GroupByBecomesDistinct(const RqList& listNode, const ColumnMarks& doomed) {
     const RqGroupBy* groupBy = listNode.GetGroupBy();
     if (groupBy->IsGroupingSets() || listNode.GetSummaryFilter() != nullptr ||
-        FoundNodes(listNode.GetDetailFilter(), RqNode::IsAggrNode))
+        ContainsAggr(listNode.GetDetailFilter()))
         return false;
     const RqProjection* projection = listNode.GetProjection();
     const RqEquivalence equivalent;
@@ -177,9 +278,7 @@ bool GroupByBecomesDistinct(const RqList& listNode, const RqDerivedColumnVector&
         bool bProjected = false;
         for (int i = 0; i < projection->GetNumColumns() && !bProjected; ++i) {
             const RqDerivedColumn* column = projection->GetIthColumn(i);
-            bProjected = column != nullptr &&
-                         std::find(doomed.begin(), doomed.end(), column) == doomed.end() &&
-                         equivalent(column->GetExpr(), grouped);
+            bProjected = column != nullptr && !doomed[i] && equivalent(column->GetExpr(), grouped);
         }
         if (!bProjected)
             return false;
@@ -187,18 +286,33 @@ bool GroupByBecomesDistinct(const RqList& listNode, const RqDerivedColumnVector&
     return true;
 }
 
-void EraseColumn(RqDerivedColumnVector& columns, const RqDerivedColumn* column) {
-    columns.erase(std::remove(columns.begin(), columns.end(), column), columns.end());
+// Deletes the marked columns in one pass: deleting them one by one would search and shift
+// the projection once per column.
+void DeleteMarkedColumns(RqProjection* projection, const ColumnMarks& doomed) {
+    RqDerivedColumnVector kept;
+    kept.reserve(projection->GetNumColumns());
+    for (int i = 0; i < projection->GetNumColumns(); ++i) {
+        RqNode* column = projection->ReleaseIthChild(i);
+        if (i < static_cast<int>(doomed.size()) && doomed[i])
+            delete column;
+        else if (column != nullptr)
+            kept.push_back(RqCast<RqDerivedColumn>(column));
+    }
+    projection->SetNumChildren(0);
+    for (RqDerivedColumn* column : kept)
+        projection->AddChild(column);
 }
 
-// Deletes the columns at `positions` (ascending) from a list's projection, from the highest
-// down so that lower positions stay valid. A break filter's break indexes follow its columns.
+// Deletes the columns at `positions` (ascending) from a list's projection. A break filter's
+// break indexes follow its columns.
 void DeleteColumnsAt(RqAbstractList* list, const Int32Vector& positions) {
     RqProjection* projection = list->GetProjection();
-    for (auto it = positions.rbegin(); it != positions.rend(); ++it) {
-        if (*it < projection->GetNumColumns())
-            projection->DeleteColumn(projection->GetIthColumn(*it));
+    ColumnMarks doomed(projection->GetNumColumns(), 0);
+    for (const int p : positions) {
+        if (p < projection->GetNumColumns())
+            doomed[p] = 1;
     }
+    DeleteMarkedColumns(projection, doomed);
     if (RqBreakFilter* breakFilter = RqDynCast<RqBreakFilter>(list)) {
         UInt16Vector renumbered;
         ComputeNewJoinIndexes(breakFilter->BreakColumnIndexes(), positions, renumbered);
@@ -290,10 +404,9 @@ void DeleteOrphanCols::CollectChildReferences(RqList& listNode) {
     AddReferencedColumns(listNode.GetGroupBy(), columnRefs);
     AddReferencedColumns(listNode.GetHaving(), columnRefs);
     AddReferencedColumns(listNode.GetOrderBy(), columnRefs);
-    if (RqJoinSpec* joinSpec = listNode.GetJoinSpec()) {
-        for (int i = 0; i < joinSpec->GetNumTableReferences(); ++i)
-            AddJoinConditionReferences(joinSpec->GetIthTableReference(i), columnRefs);
-    }
+    ForEachTableReference(listNode.GetJoinSpec(), [&](RqTableReference* reference) {
+        AddJoinConditionReferences(reference, columnRefs);
+    });
     LoadJoinColumns(listNode.GetJoinSpec(), columnRefs);
 }
 
@@ -303,112 +416,139 @@ void DeleteOrphanCols::DeleteOrphansOfNestedList(RqList& listNode) {
     AddOrderByReferences(listNode.GetOrderBy(), projection, columnRefs);
     AddControlBreakReferences(projection, columnRefs);
     LoadJoinColumns(listNode.GetJoinSpec(), columnRefs);
-    RqNodeVector havingAggrs;
-    FindNodes(listNode.GetHaving(), RqNode::IsAggrNode, havingAggrs);
 
+    m_numColumns = projection != nullptr ? projection->GetNumColumns() : 0;
+    const ColumnFactsVector facts =
+        projection != nullptr ? FactsOf(*projection) : ColumnFactsVector();
     // DISTINCT rows are decided by every column, a random value would be drawn again, and a
     // shared list has other consumers this walk does not see.
-    const bool bSkip = projection == nullptr || listNode.IsDistinct() || listNode.IsShared() ||
-                       ContainsKind(projection, kRqExprRand);
-    RqDerivedColumnVector candidates;
-    m_numColumns = projection != nullptr ? projection->GetNumColumns() : 0;
+    const bool bSkip =
+        projection == nullptr || listNode.IsDistinct() || listNode.IsShared() ||
+        std::any_of(facts.begin(), facts.end(), [](const ColumnFacts& f) { return f.m_bRand; });
     if (!bSkip) {
         RemoveGrainCheckColumnsFromDeleteOrphans(listNode, columnRefs);
-        const bool bUndo = SUCompatFlag::GetBool(L"VELD_UNDO_16038091");
-        const bool bKeepDerivedAggrs =
-            SOCompatFlag::GetBool(L"VELD_DISABLE_DELETEORPHAN_IN_DERIVEDTABLE", m_pRp);
-        const RqEquivalence equivalent;
-        RqDerivedColumnVector keptAggrs;
-        RqDerivedColumnVector orphanAggrs;
-        bool bConstantsOnly = !ContainsKind(projection, kRqDerivedColumnReference);
-        for (int i = 0; i < projection->GetNumColumns(); ++i) {
-            RqDerivedColumn* column = projection->GetIthColumn(i);
-            if (column == nullptr)
-                continue;
-            RqExpr* expr = column->GetExpr();
-            bool bKeep =
-                columnRefs.count(column) > 0 ||
-                FoundNodes(expr, RqNode::IsObjectType({kRqExprAggrTopN, kRqExprAggrBottomN}));
-            if (!bKeep && bKeepDerivedAggrs) {
-                // Functional aggregates are not looked for; time-series ones are.
-                AggrFinder finder(false, false, true, false, false);
-                if (RqExpr* leaf = GetPointerToLeaf(expr))
-                    leaf->Accept(finder);
-                bKeep = finder.FoundAggr();
-            }
-            const bool bIsAggr = !bUndo && expr != nullptr && expr->IsAggr();
-            if (!bKeep && bIsAggr) {
-                bKeep = std::any_of(havingAggrs.begin(), havingAggrs.end(), [&](RqNode* aggr) {
-                    return equivalent(static_cast<const RqNode*>(expr), aggr);
-                });
-            }
-            if (bIsAggr)
-                (bKeep ? keptAggrs : orphanAggrs).push_back(column);
-            if (!bKeep)
-                candidates.push_back(column);
-            else if (IsRealColumn(column))
-                bConstantsOnly = false;
-        }
-
-        if (!bUndo && !orphanAggrs.empty()) {
-            // An aggregate with a by-list of its own sets a level of the block; it goes only
-            // when a kept aggregate stands for the same level.
-            for (RqDerivedColumn* orphan : orphanAggrs) {
-                const RqExprColumnList* list = OrderedColumnList(orphan->GetExpr());
-                if (list == nullptr)
-                    continue;
-                const bool bSameLevelKept =
-                    std::any_of(keptAggrs.begin(), keptAggrs.end(), [&](RqDerivedColumn* kept) {
-                        const RqExprColumnList* keptList = OrderedColumnList(kept->GetExpr());
-                        return keptList != nullptr && equivalent(*keptList, *list);
-                    });
-                if (!bSameLevelKept)
-                    EraseColumn(candidates, orphan);
-            }
-            // A multidimensional source computes its aggregates together; they stay.
-            if (ServerInfo::IsTargetTypeMDXBased(listNode.GetTargetType())) {
-                for (RqDerivedColumn* orphan : orphanAggrs)
-                    EraseColumn(candidates, orphan);
-            }
-            const bool bOrphansLeft =
-                std::any_of(orphanAggrs.begin(), orphanAggrs.end(), [&](RqDerivedColumn* c) {
-                    return std::find(candidates.begin(), candidates.end(), c) != candidates.end();
-                });
-            if (bOrphansLeft && keptAggrs.empty() && listNode.GetGroupBy() != nullptr &&
-                listNode.GetHaving() == nullptr && GroupByBecomesDistinct(listNode, candidates)) {
-                listNode.SetGroupBy(nullptr);
-                listNode.SetDistinct(true);
+        ColumnMarks orphans = FindOrphans(listNode, facts);
+        int numOrphans = static_cast<int>(std::count(orphans.begin(), orphans.end(), 1));
+        // A block never loses its last column: the last orphan stays.
+        for (int i = m_numColumns - 1; i >= 0 && numOrphans >= m_numColumns; --i) {
+            if (orphans[i]) {
+                orphans[i] = 0;
+                --numOrphans;
             }
         }
-
-        if (bConstantsOnly) {
-            const auto real = std::find_if(candidates.begin(), candidates.end(), IsRealColumn);
-            if (real != candidates.end())
-                candidates.erase(real);
+        const int keep = ColumnThatKeepsGrain(listNode, facts, orphans);
+        if (keep >= 0)
+            orphans[keep] = 0;
+        for (int i = 0; i < m_numColumns; ++i) {
+            if (orphans[i])
+                m_deletedColIndexes.push_back(i);
         }
-        // A block never loses its last column.
-        if (m_numColumns > 0 && static_cast<int>(candidates.size()) >= m_numColumns)
-            candidates.resize(m_numColumns - 1);
-        if (RqDerivedColumn* keep = ColumnThatKeepsGrain(listNode, candidates))
-            EraseColumn(candidates, keep);
-    }
-
-    int numRecorded = 0;
-    for (RqDerivedColumn* column : candidates) {
-        if (numRecorded + 1 >= m_numColumns)
-            break;
-        m_deletedColIndexes.push_back(projection->FindColumnIndex(column));
-        ++numRecorded;
-    }
-    for (RqDerivedColumn* column : candidates) {
-        if (projection->GetNumColumns() <= 1)
-            break;
-        projection->DeleteColumn(column);
+        DeleteMarkedColumns(projection, orphans);
     }
 
     CollectChildReferences(listNode);
     if (columnRefs.empty())
         AddCountStarReference(listNode, columnRefs);
+}
+
+ColumnMarks DeleteOrphanCols::FindOrphans(RqList& listNode, const ColumnFactsVector& facts) {
+    const RqDerivedColumnSet& columnRefs = *m_pColumnRefs;
+    const RqProjection* projection = listNode.GetProjection();
+    const int numColumns = projection->GetNumColumns();
+    RqNodeVector havingAggrs;
+    FindNodes(listNode.GetHaving(), RqNode::IsAggrNode, havingAggrs);
+    // The flags are read where they first decide something: the undo flag for a block that
+    // projects an aggregate, the session flag for the first column nobody reads.
+    const bool bProjectsAggr =
+        std::any_of(facts.begin(), facts.end(), [](const ColumnFacts& f) { return f.m_bAggr; });
+    const bool bUndo = bProjectsAggr && SUCompatFlag::GetBool(L"VELD_UNDO_16038091");
+    int keepDerivedAggrs = -1;  // not read yet
+    const RqEquivalence equivalent;
+
+    ColumnMarks orphans(numColumns, 0);
+    std::vector<int> keptAggrs;
+    std::vector<int> orphanAggrs;
+    bool bConstantsOnly = std::none_of(facts.begin(), facts.end(),
+                                       [](const ColumnFacts& f) { return f.m_bReference; });
+    for (int i = 0; i < numColumns; ++i) {
+        RqDerivedColumn* column = projection->GetIthColumn(i);
+        if (column == nullptr)
+            continue;
+        RqExpr* expr = column->GetExpr();
+        bool bKeep = facts[i].m_bTopN || columnRefs.count(column) > 0;
+        if (!bKeep && keepDerivedAggrs < 0) {
+            keepDerivedAggrs =
+                SOCompatFlag::GetBool(L"VELD_DISABLE_DELETEORPHAN_IN_DERIVEDTABLE", m_pRp) ? 1 : 0;
+        }
+        if (!bKeep && keepDerivedAggrs == 1) {
+            // Functional aggregates are not looked for; time-series ones are.
+            AggrFinder finder(false, false, true, false, false);
+            if (RqExpr* leaf = GetPointerToLeaf(expr))
+                leaf->Accept(finder);
+            bKeep = finder.FoundAggr();
+        }
+        const bool bIsAggr = !bUndo && expr != nullptr && expr->IsAggr();
+        if (!bKeep && bIsAggr) {
+            bKeep = std::any_of(havingAggrs.begin(), havingAggrs.end(), [&](RqNode* aggr) {
+                return equivalent(static_cast<const RqNode*>(expr), aggr);
+            });
+        }
+        if (bIsAggr)
+            (bKeep ? keptAggrs : orphanAggrs).push_back(i);
+        if (!bKeep)
+            orphans[i] = 1;
+        else if (facts[i].m_bReal)
+            bConstantsOnly = false;
+    }
+
+    if (!bUndo && !orphanAggrs.empty())
+        RefineOrphanAggrs(listNode, keptAggrs, orphanAggrs, orphans);
+
+    // A block that would select constants only keeps its first real column as well.
+    if (bConstantsOnly) {
+        for (int i = 0; i < numColumns; ++i) {
+            if (orphans[i] && facts[i].m_bReal) {
+                orphans[i] = 0;
+                break;
+            }
+        }
+    }
+    return orphans;
+}
+
+void DeleteOrphanCols::RefineOrphanAggrs(RqList& listNode, const std::vector<int>& keptAggrs,
+                                         const std::vector<int>& orphanAggrs,
+                                         ColumnMarks& orphans) {
+    const RqProjection* projection = listNode.GetProjection();
+    const RqEquivalence equivalent;
+    const auto listAt = [projection](int i) {
+        return OrderedColumnList(projection->GetIthColumn(i)->GetExpr());
+    };
+    // An aggregate with a by-list of its own sets a level of the block; it goes only when a
+    // kept aggregate stands for the same level.
+    for (const int orphan : orphanAggrs) {
+        const RqExprColumnList* list = listAt(orphan);
+        if (list == nullptr)
+            continue;
+        const bool bSameLevelKept = std::any_of(keptAggrs.begin(), keptAggrs.end(), [&](int kept) {
+            const RqExprColumnList* keptList = listAt(kept);
+            return keptList != nullptr && equivalent(*keptList, *list);
+        });
+        if (!bSameLevelKept)
+            orphans[orphan] = 0;
+    }
+    // A multidimensional source computes its aggregates together; they stay.
+    if (ServerInfo::IsTargetTypeMDXBased(listNode.GetTargetType())) {
+        for (const int orphan : orphanAggrs)
+            orphans[orphan] = 0;
+    }
+    const bool bOrphansLeft = std::any_of(orphanAggrs.begin(), orphanAggrs.end(),
+                                          [&](int orphan) { return orphans[orphan] != 0; });
+    if (bOrphansLeft && keptAggrs.empty() && listNode.GetGroupBy() != nullptr &&
+        listNode.GetHaving() == nullptr && GroupByBecomesDistinct(listNode, orphans)) {
+        listNode.SetGroupBy(nullptr);
+        listNode.SetDistinct(true);
+    }
 }
 
 // ---- Set operations and other lists ------------------------------------------------------------
@@ -434,40 +574,42 @@ bool DeleteOrphanCols::Visit(RqUnion& node) {
             removable.push_back(p);
     }
 
-    const auto isRemovable = [&](int p) {
-        return std::binary_search(removable.begin(), removable.end(), p);
-    };
-    const auto takeOff = [&](int p) {
-        removable.erase(std::find(removable.begin(), removable.end(), p));
-    };
+    ColumnMarks marks(numColumns, 0);
+    for (const int p : removable)
+        marks[p] = 1;
     // Each branch keeps one real column when it has one.
     for (int b = 0; b < node.GetNumLists(); ++b) {
         const RqProjection* projection = node.GetIthList(b)->GetProjection();
+        const int width = std::min(numColumns, projection->GetNumColumns());
         bool bHasReal = false;
-        for (int p = 0; p < projection->GetNumColumns() && !bHasReal; ++p)
-            bHasReal = !isRemovable(p) && projection->GetIthColumn(p) != nullptr &&
-                       IsRealColumn(projection->GetIthColumn(p));
-        if (bHasReal)
-            continue;
-        for (const int p : removable) {
-            if (IsRealColumn(projection->GetIthColumn(p))) {
-                takeOff(p);
-                break;
+        for (int p = 0; p < width && !bHasReal; ++p) {
+            const RqDerivedColumn* column = projection->GetIthColumn(p);
+            bHasReal = !marks[p] && column != nullptr && IsRealColumn(column);
+        }
+        for (int p = 0; p < width && !bHasReal; ++p) {
+            if (marks[p] && IsRealColumn(projection->GetIthColumn(p))) {
+                marks[p] = 0;
+                bHasReal = true;
             }
         }
     }
     // Nor does a branch change its level, nor does the union lose every column.
     for (int b = 0; b < node.GetNumLists(); ++b) {
-        RqList* block = BranchBlock(node.GetIthList(b));
         const RqProjection* projection = node.GetIthList(b)->GetProjection();
-        RqDerivedColumnVector doomed;
-        for (const int p : removable)
-            doomed.push_back(projection->GetIthColumn(p));
-        if (const RqDerivedColumn* keep = ColumnThatKeepsGrain(*block, doomed))
-            takeOff(projection->FindColumnIndex(keep));
+        ColumnMarks doomed(marks);
+        doomed.resize(projection->GetNumColumns(), 0);
+        const int keep =
+            ColumnThatKeepsGrain(*BranchBlock(node.GetIthList(b)), FactsOf(*projection), doomed);
+        if (keep >= 0)
+            marks[keep] = 0;
     }
-    if (numColumns > 0 && static_cast<int>(removable.size()) == numColumns)
-        removable.erase(removable.begin());
+    if (numColumns > 0 && std::count(marks.begin(), marks.end(), 1) == numColumns)
+        marks[0] = 0;
+    removable.clear();
+    for (int p = 0; p < numColumns; ++p) {
+        if (marks[p])
+            removable.push_back(p);
+    }
 
     m_deletedColIndexes.insert(m_deletedColIndexes.end(), removable.begin(), removable.end());
     m_numColumns = numColumns;
@@ -567,8 +709,8 @@ bool DeleteOrphanCols::Visit(RqCacheList& node) {
 // ---- Joins -------------------------------------------------------------------------------------
 
 bool DeleteOrphanCols::Visit(RqJoinSpec& node) {
-    for (int i = 0; i < node.GetNumTableReferences(); ++i)
-        VisitWithSubVisitor(node.GetIthTableReference(i));
+    ForEachTableReference(&node,
+                          [this](RqTableReference* reference) { VisitWithSubVisitor(reference); });
     // The sub-visitors have walked everything below; walking it again would visit every
     // nested block once more per level above it.
     return true;
@@ -673,8 +815,13 @@ void DeleteOrphanCols::AddControlBreakReferences(RqProjection* projection,
         return;
     RqNodeVector aggrs;
     for (int i = 0; i < projection->GetNumColumns(); ++i) {
-        if (const RqDerivedColumn* column = projection->GetIthColumn(i))
-            FindNodes(column->GetExpr(), RqNode::IsAggrNode, aggrs);
+        if (const RqDerivedColumn* column = projection->GetIthColumn(i)) {
+            AnyNode(column->GetExpr(), [&aggrs](const RqNode* node) {
+                if (RqNode::IsAggrNode(node))
+                    aggrs.push_back(const_cast<RqNode*>(node));
+                return false;
+            });
+        }
     }
     for (RqNode* node : aggrs) {
         const RqExprAggr* aggr = RqCast<RqExprAggr>(node);
@@ -734,10 +881,9 @@ void DeleteOrphanCols::AddCountStarReference(RqList& listNode, RqDerivedColumnSe
 }
 
 void DeleteOrphanCols::LoadJoinColumns(RqJoinSpec* joinSpec, RqDerivedColumnSet& columnRefs) {
-    if (joinSpec == nullptr)
-        return;
-    for (int i = 0; i < joinSpec->GetNumTableReferences(); ++i)
-        LoadJoinColumns(joinSpec->GetIthTableReference(i), columnRefs);
+    ForEachTableReference(joinSpec, [&columnRefs](RqTableReference* reference) {
+        LoadJoinColumns(reference, columnRefs);
+    });
 }
 
 void DeleteOrphanCols::LoadJoinColumns(RqTableReference* reference,

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <set>
+#include <vector>
 
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSURewriteRule.h"
 
@@ -90,6 +91,9 @@ public:
     static void RemoveGrainCheckColumnsFromDeleteOrphans(RqList& listNode,
                                                          RqDerivedColumnSet& columnRefs);
 
+    // What the rule reads of one projected column (kept in its source file).
+    struct ColumnFacts;
+
 private:
     // A sub-visitor for one branch of the tree, sharing the caller's set.
     DeleteOrphanCols(RqDerivedColumnSet* pColumnRefs, ARpGateway* rp);
@@ -98,6 +102,11 @@ private:
     // The walks of Visit(RqList): the top block's and a nested block's.
     void VisitTopMostList(RqList& listNode);
     void DeleteOrphansOfNestedList(RqList& listNode);
+    // The block's orphans, marked by projection position, and the aggregate refinement of
+    // them (which may turn the block's GROUP BY into DISTINCT).
+    std::vector<char> FindOrphans(RqList& listNode, const std::vector<ColumnFacts>& facts);
+    void RefineOrphanAggrs(RqList& listNode, const std::vector<int>& keptAggrs,
+                           const std::vector<int>& orphanAggrs, std::vector<char>& orphans);
     // The references a block makes to its children's columns, and its join columns.
     void CollectChildReferences(RqList& listNode);
     // Runs a sub-visitor over `node` and returns the positions it deleted there.
