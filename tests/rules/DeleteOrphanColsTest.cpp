@@ -135,6 +135,134 @@ TEST(DeleteOrphanCols, AppliedToARequestRenumbersTheJoinAndStaysWellFormed) {
     delete request;
 }
 
+// Runs a sub-visitor over `inner` as the derived table of a request and returns what it
+// deleted; `read` holds the columns the parent reads.
+Int32Vector ReduceAsDerivedTable(RqAbstractList* inner, RqDerivedColumnSet read) {
+    RqHandleNode* holder = rqb::Request(rqb::Derived(inner, 9));
+    auto visitor = DeleteOrphanColsTestAccess::SubVisitor(&read);
+    holder->GetIthChild(0)->Accept(*visitor);
+    Int32Vector deleted = visitor->GetDeletedColIndexes();
+    EXPECT_TRUE(RqVerifier::Verify(*holder).empty());
+    delete holder;
+    return deleted;
+}
+
+TEST(DeleteOrphanCols, BreakByAndSortKeyColumnsOfAggregatesStay) {
+    // SELECT region, store, SUM(x) BY (region), RANK() ORDER BY store, extra
+    rqb::Block block;
+    block.Select(rqb::Col(L"region", 1)).Select(rqb::Col(L"store", 1));
+    const int storeNum = block.Column(1)->GetColumnNum();
+    block.Select(rqb::Sum(rqb::Col(L"x", 1), rqb::By({rqb::Col(L"region", 1)})))
+        .Select(rqb::SortedBy(rqb::Aggr<RqExprAggrRank>(rqb::Col(L"x", 1)),
+                              {{storeNum, RqSortSpec::kAsc}}))
+        .Select(rqb::Col(L"extra", 1))
+        .From(rqb::Table(VoidID(3, 1), 1));
+    RqList* list = block.Build();
+    RqDerivedColumnSet read{rqb::Column(*list, 2), rqb::Column(*list, 3)};
+    // The region (break-by) and the store (sort key) stay; only the extra column goes.
+    EXPECT_EQ(ReduceAsDerivedTable(list, read), (Int32Vector{4}));
+}
+
+TEST(DeleteOrphanCols, AggregateWithItsOwnLevelStaysUnlessAKeptOneHasIt) {
+    for (const bool bKeptSameLevel : {false, true}) {
+        SCOPED_TRACE(bKeptSameLevel);
+        // SELECT key, SUM(x) BY (key), MAX(x) BY (key|other): the SUM is unread.
+        rqb::Block block;
+        block.Select(rqb::Col(L"key", 1))
+            .Select(rqb::Sum(rqb::Col(L"x", 1), rqb::By({rqb::Col(L"key", 1)})))
+            .Select(rqb::Max(rqb::Col(L"x", 1),
+                             rqb::By({rqb::Col(bKeptSameLevel ? L"key" : L"other", 1)})))
+            .From(rqb::Table(VoidID(3, 1), 1));
+        RqList* list = block.Build();
+        RqDerivedColumnSet read{rqb::Column(*list, 0), rqb::Column(*list, 2)};
+        EXPECT_EQ(ReduceAsDerivedTable(list, read),
+                  bKeptSameLevel ? Int32Vector{1} : Int32Vector{});
+    }
+}
+
+TEST(DeleteOrphanCols, MultidimensionalTargetsKeepTheirAggregates) {
+    rqb::Block block;
+    block.Select(rqb::Col(L"key", 1))
+        .Select(rqb::Sum(rqb::Col(L"x", 1)))
+        .Select(rqb::Col(L"name", 1))
+        .From(rqb::Table(VoidID(3, 1), 1))
+        .GroupBy({rqb::Col(L"key", 1), rqb::Col(L"name", 1)})
+        .Target(ServerInfo::kCubeMdxServer);
+    RqList* list = block.Build();
+    RqDerivedColumnSet read{rqb::Column(*list, 0)};
+    // The unread name goes; the unread SUM stays, and so does the GROUP BY.
+    EXPECT_EQ(ReduceAsDerivedTable(list, read), (Int32Vector{2}));
+}
+
+TEST(DeleteOrphanCols, GrainCheckColumnsKeepTheirInputs) {
+    RqList* inner = FiveColumnBlock();
+    rqb::Block outer;
+    outer.Select(rqb::Ref(*inner, 0))
+        .Select(RQ_NEW RqExprGrainCheckDisplay(rqb::Ref(*inner, 3)))
+        .Select(rqb::Ref(*inner, 4))
+        .From(rqb::Derived(inner, 3));
+    RqList* list = outer.Build();
+    RqDerivedColumnSet read;
+    DeleteOrphanCols::RemoveGrainCheckColumnsFromDeleteOrphans(*list, read);
+    EXPECT_EQ(read, (RqDerivedColumnSet{rqb::Column(*list, 1), rqb::Column(*inner, 3)}));
+    delete list;
+}
+
+TEST(DeleteOrphanCols, WhichUnionsMayLoseColumns) {
+    const struct {
+        bool m_bAll;
+        bool m_bDistinctBranch;
+        bool m_bSharedBranch;
+        bool m_bExpected;
+    } cases[] = {
+        {true, false, false, true},
+        {false, false, false, false},
+        {true, true, false, false},
+        {true, false, true, false},
+    };
+    for (const auto& c : cases) {
+        RqList* first = FiveColumnBlock();
+        RqList* second = FiveColumnBlock();
+        second->SetDistinct(c.m_bDistinctBranch);
+        second->SetShared(c.m_bSharedBranch);
+        RqUnion* unionNode = rqb::Union({first, rqb::BreakFilter(second, {1})}, c.m_bAll);
+        RqDerivedColumnSet read;
+        auto visitor = DeleteOrphanColsTestAccess::SubVisitor(&read);
+        EXPECT_EQ(visitor->CheckUnionRemovability(*unionNode, read), c.m_bExpected);
+        delete unionNode;
+    }
+    // Met before any block, a union is the request's result.
+    RqUnion* top = rqb::Union({FiveColumnBlock(), FiveColumnBlock()}, true);
+    DeleteOrphanCols rule(nullptr);
+    RqDerivedColumnSet read;
+    EXPECT_FALSE(rule.CheckUnionRemovability(*top, read));
+    delete top;
+}
+
+TEST(DeleteOrphanCols, DeepNestIsReducedInOneVisitPerBlock) {
+    // A chain of 400 blocks, each reading columns 0 and 2 of the one below: a walk that
+    // visited a block again per level above it would not finish.
+    RqList* list = FiveColumnBlock();
+    RqList* bottom = list;
+    for (int level = 0; level < 400; ++level) {
+        rqb::Block block;
+        block.Select(rqb::Ref(*list, 0))
+            .Select(rqb::Int(level))
+            .Select(rqb::Ref(*list, 2))
+            .Select(rqb::Int(level))
+            .Select(rqb::Int(level))
+            .From(rqb::Derived(list, level + 2));
+        list = block.Build();
+    }
+    RqHandleNode* request = rqb::Request(list);
+    DeleteOrphanCols rule(nullptr);
+    rule.ApplyRule(*request);
+    EXPECT_EQ(bottom->GetProjection()->GetNumColumns(), 2);
+    EXPECT_EQ(list->GetProjection()->GetNumColumns(), 5);  // the top block keeps everything
+    EXPECT_TRUE(RqVerifier::Verify(*request).empty());
+    delete request;
+}
+
 TEST(DeleteOrphanColsDeathTest, AssertionsNameTheirCondition) {
     EXPECT_DEATH(DeleteOrphanColsTestAccess::SubVisitor(nullptr), "pColumnRefs");
 
