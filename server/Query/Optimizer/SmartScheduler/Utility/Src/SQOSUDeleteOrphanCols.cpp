@@ -73,20 +73,58 @@ bool AnyNode(const RqNode* root, Fn fn) {
     return false;
 }
 
+// The kinds the rule tests every node of a projection for, as sets built once from the kind
+// table: a kind test on the table walks the kind's ancestors, once per node and question.
+struct OrphanKindSets {
+    RqNodeTypeSet m_aggr;        // aggregates: the kinds whose expressions answer IsAggr
+    RqNodeTypeSet m_topN;        // TopN and BottomN aggregates
+    RqNodeTypeSet m_rand;        // random numbers
+    RqNodeTypeSet m_reference;   // derived column references
+    RqNodeTypeSet m_grainCheck;  // grain-check displays
+};
+
+const OrphanKindSets& OrphanKinds() {
+    static const OrphanKindSets sets = [] {
+        OrphanKindSets built;
+        for (int value = 0; value < kRqNodeTypeCount; ++value) {
+            if (!RqIsNodeTypeValue(value))
+                continue;
+            const auto kind = static_cast<RqNodeType_e>(value);
+            built.m_aggr[value] = RqIsKindOf(kind, kRqExprAggr);
+            built.m_topN[value] =
+                RqIsKindOf(kind, kRqExprAggrTopN) || RqIsKindOf(kind, kRqExprAggrBottomN);
+            built.m_rand[value] = RqIsKindOf(kind, kRqExprRand);
+            built.m_reference[value] = RqIsKindOf(kind, kRqDerivedColumnReference);
+            built.m_grainCheck[value] = RqIsKindOf(kind, kRqExprGrainCheckDisplay);
+        }
+        return built;
+    }();
+    return sets;
+}
+
+bool InKinds(const RqNodeTypeSet& kinds, const RqNode* node) {
+    return kinds.test(static_cast<size_t>(node->GetObjectType()));
+}
+
+bool IsAggrExpr(const RqNode* node) {
+    return InKinds(OrphanKinds().m_aggr, node);
+}
+
 bool ContainsKind(const RqNode* root, RqNodeType_e kind) {
     return AnyNode(root, [kind](const RqNode* node) { return node->IsKindOf(kind); });
 }
 
 bool ContainsAggr(const RqNode* root) {
-    return AnyNode(root, [](const RqNode* node) { return RqNode::IsAggrNode(node); });
+    return AnyNode(root, IsAggrExpr);
 }
 
 // Calls `fn` with the column of every derived column reference below `root`.
 template <class Fn>
 void ForEachReferencedColumn(const RqNode* root, Fn fn) {
     AnyNode(root, [&fn](const RqNode* node) {
-        if (const RqDerivedColumnReference* reference = RqDynCast<RqDerivedColumnReference>(node)) {
-            if (RqDerivedColumn* column = reference->GetDerivedColumn())
+        if (InKinds(OrphanKinds().m_reference, node)) {
+            if (RqDerivedColumn* column =
+                    RqCast<RqDerivedColumnReference>(node)->GetDerivedColumn())
                 fn(column);
         }
         return false;
@@ -124,13 +162,17 @@ RqExpr* GetPointerToLeaf(RqExpr* expr) {
 // references reads: such a column shows whether its block's rows are at the grain a
 // consumer expects, and that answer needs the inputs it checks.
 bool HasGrainCheckExpr(RqExpr* expr) {
-    return AnyNode(expr, [](const RqNode* node) {
-        if (node->IsKindOf(kRqExprGrainCheckDisplay))
+    const OrphanKindSets& kinds = OrphanKinds();
+    const auto isGrainCheck = [&kinds](const RqNode* node) {
+        return InKinds(kinds.m_grainCheck, node);
+    };
+    return AnyNode(expr, [&](const RqNode* node) {
+        if (isGrainCheck(node))
             return true;
-        const RqDerivedColumnReference* reference = RqDynCast<RqDerivedColumnReference>(node);
-        const RqDerivedColumn* column =
-            reference != nullptr ? reference->GetDerivedColumn() : nullptr;
-        return column != nullptr && ContainsKind(column->GetExpr(), kRqExprGrainCheckDisplay);
+        if (!InKinds(kinds.m_reference, node))
+            return false;
+        const RqDerivedColumn* column = RqCast<RqDerivedColumnReference>(node)->GetDerivedColumn();
+        return column != nullptr && AnyNode(column->GetExpr(), isGrainCheck);
     });
 }
 
@@ -200,11 +242,12 @@ struct DeleteOrphanCols::ColumnFacts {
             expr != nullptr && !expr->IsKindOf(kRqColumn) && !expr->IsAggr() && expr->IsConstant();
         facts.m_bReal = (expr != nullptr && !facts.m_bConstant) ||
                         ServerInfo::IsRemoteTargetType(column->GetTargetType());
-        AnyNode(expr, [&facts](const RqNode* node) {
-            facts.m_bAggr |= RqNode::IsAggrNode(node);
-            facts.m_bTopN |= node->IsKindOf(kRqExprAggrTopN) || node->IsKindOf(kRqExprAggrBottomN);
-            facts.m_bRand |= node->IsKindOf(kRqExprRand);
-            facts.m_bReference |= node->IsKindOf(kRqDerivedColumnReference);
+        const OrphanKindSets& kinds = OrphanKinds();
+        AnyNode(expr, [&facts, &kinds](const RqNode* node) {
+            facts.m_bAggr |= IsAggrExpr(node);
+            facts.m_bTopN |= InKinds(kinds.m_topN, node);
+            facts.m_bRand |= InKinds(kinds.m_rand, node);
+            facts.m_bReference |= InKinds(kinds.m_reference, node);
             return false;
         });
         return facts;
@@ -817,7 +860,7 @@ void DeleteOrphanCols::AddControlBreakReferences(RqProjection* projection,
     for (int i = 0; i < projection->GetNumColumns(); ++i) {
         if (const RqDerivedColumn* column = projection->GetIthColumn(i)) {
             AnyNode(column->GetExpr(), [&aggrs](const RqNode* node) {
-                if (RqNode::IsAggrNode(node))
+                if (IsAggrExpr(node))
                     aggrs.push_back(const_cast<RqNode*>(node));
                 return false;
             });
