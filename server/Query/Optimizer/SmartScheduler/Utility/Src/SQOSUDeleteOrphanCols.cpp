@@ -132,7 +132,7 @@ void ForEachReferencedColumn(const RqNode* root, Fn fn) {
 }
 
 // Calls `fn` with every table reference of the join spec, in order. The join nodes are read
-// in one pass over the spec's children (counting them anew per reference would cost a pass
+// in one pass over the join spec's children (counting them anew per reference would cost a pass
 // per reference).
 template <class Fn>
 void ForEachTableReference(RqJoinSpec* joinSpec, Fn fn) {
