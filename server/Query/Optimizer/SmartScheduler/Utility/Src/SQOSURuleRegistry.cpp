@@ -6,6 +6,7 @@
 #include "Platform/SystemUtility.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSUAddPKToLeaf.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSUAssignTargets.h"
+#include "Query/Optimizer/SmartScheduler/Utility/SQOSUDeleteOrphanCols.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSURemoveRedundantOrderBy.h"
 
 namespace {
@@ -32,6 +33,13 @@ const std::vector<RuleInfo>& RuleTable() {
                 return std::make_unique<AssignTargets>(context.m_pRp);
             }),
         RuleInfo::Make<NoRuleOptions>(
+            "DeleteOrphanCols",
+            "Deletes from nested blocks the projected columns that no enclosing block, join, "
+            "sort or break reads, and renumbers the join columns that point past them.",
+            [](const RuleContext& context, const NoRuleOptions&) -> std::unique_ptr<RewriteRule> {
+                return std::make_unique<DeleteOrphanCols>(context.m_pRp);
+            }),
+        RuleInfo::Make<NoRuleOptions>(
             "RemoveRedundantOrderBy",
             "Deletes every ORDER BY but the outermost one (and that one too when a join of two "
             "tables comes first) and marks every node's target unknown.",
@@ -47,10 +55,11 @@ const std::vector<PipelineInfo>& PipelineTable() {
         // The order in which the optimizer typically applies the rules to a request that reads
         // database tables, groups and sorts: orderings first, then key columns, orphan
         // columns, unsupported filters and finally the local aggregation and sorts. Rules
-        // take their place here as they are written.
+        // take their place here as they are written. AssignTargets stands in for the server's
+        // target assignment after the rule that hands every node back to it.
         {"default",
          "The typical run of the optimizer over a request.",
-         {"RemoveRedundantOrderBy", "AssignTargets", "AddPKToLeaf"}},
+         {"RemoveRedundantOrderBy", "AssignTargets", "AddPKToLeaf", "DeleteOrphanCols"}},
         {"none", "No rule: reads and prints the request.", {}},
     };
     return table;
