@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <unordered_set>
+#include <vector>
 
 #include "Platform/ErrorMessage.h"
 #include "Query/Optimizer/Request/SQORRqUtility.h"
@@ -149,6 +151,46 @@ void MoveAggregationOutward(RqList& list, RqList& outerList) {
     list.SetHaving(nullptr);
 }
 
+// The block, or a block nested in it, reads a column of an enclosing block: it is a
+// correlated subquery. Nesting it would put it inside a derived table, out of reach of the
+// enclosing block's columns.
+bool IsCorrelated(const RqList& list) {
+    std::unordered_set<const RqNode*> ownProjections;
+    std::vector<const RqDerivedColumnReference*> references;
+    std::vector<const RqNode*> work{&list};
+    while (!work.empty()) {
+        const RqNode* node = work.back();
+        work.pop_back();
+        if (node->IsKindOf(kRqProjection))
+            ownProjections.insert(node);
+        else if (const auto* reference = RqDynCast<RqDerivedColumnReference>(node))
+            references.push_back(reference);
+        for (int i = 0; i < node->GetNumChildren(); ++i) {
+            if (const RqNode* child = node->GetIthChild(i))
+                work.push_back(child);
+        }
+    }
+    for (const RqDerivedColumnReference* reference : references) {
+        const RqDerivedColumn* column = reference->GetDerivedColumn();
+        if (column != nullptr && !ownProjections.contains(column->GetParent()))
+            return true;
+    }
+    return false;
+}
+
+// Row limits and offsets count the rows of a block after its DISTINCT and its grouping: when
+// those move to the outer block, the limit and offset follow them.
+void MoveRowLimitOutward(RqList& list, RqList& outerList) {
+    if (list.GetRowLimit() != 0) {
+        outerList.SetRowLimit(list.GetRowLimit());
+        list.SetRowLimit(0);
+    }
+    if (list.GetRowOffset() != 0) {
+        outerList.SetRowOffset(list.GetRowOffset());
+        list.SetRowOffset(0);
+    }
+}
+
 // The branch is detached by its position: a search for it among its siblings would make a
 // wide set operation quadratic.
 template <class SetOperation>
@@ -207,6 +249,11 @@ bool AddPKToLeaf::Visit(RqList& list) {
     RqProjection* projection = list.GetProjection();
     ZK_ASSERT(NULL != projection);
 
+    // A correlated block stays as it is: no outer block can read it without losing sight of
+    // the enclosing block's columns, and the server evaluates correlated subqueries itself.
+    if (IsCorrelated(list))
+        return true;
+
     TargetColInfoList pkColumns;
     ChooseKeyColumns(list, projection, pkColumns);
     if (pkColumns.empty())
@@ -228,6 +275,8 @@ bool AddPKToLeaf::Visit(RqList& list) {
         MarkOuterBlockForServer(*outer);
         if (bAggregates)
             MoveAggregationOutward(list, *outer);
+        if (bAggregates || outer->IsDistinct())
+            MoveRowLimitOutward(list, *outer);
     }
 
     AppendKeyColumns(list, targetType, pkColumns);

@@ -6,8 +6,7 @@
 
 AssignTargets::AssignTargets(ARpGateway* rp) : m_pRp(rp), m_numAssigned(0) {}
 
-ServerInfo::TargetType AssignTargets::TargetTypeOf(const ARpGateway* rp,
-                                                   const VoidID& targetID) {
+ServerInfo::TargetType AssignTargets::TargetTypeOf(const ARpGateway* rp, const VoidID& targetID) {
     if (targetID.IsNullID())
         return ServerInfo::kBuiltInExecutionEngine;
     RefADatabase database = RefHelper::GetDatabase(rp, targetID);
