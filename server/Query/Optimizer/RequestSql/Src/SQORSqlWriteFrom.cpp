@@ -133,10 +133,12 @@ std::string SqlWriter::Side(const RqNode* side, const Scope& scope,
             break;
         case SqlTableRef::kRightOuterJoin:
             keyword = "RIGHT JOIN";
+            m_bRightOrFullJoin = true;
             break;
         case SqlTableRef::kFullOuterJoin:
         case SqlTableRef::kFullOuterStitchJoin:
             keyword = "FULL JOIN";
+            m_bRightOrFullJoin = true;
             break;
         case SqlTableRef::kNaturalJoin:
             Fail(SqlProblem::kNoSqlMeaning, side, "a natural join names no join columns");

@@ -30,6 +30,11 @@ std::string SqlWriter::Top(const RqNode& root) {
     const std::string body = List(*list, nullptr);
     if (m_namedQueries.empty())
         return body;
+    if (m_bRightOrFullJoin) {
+        // Materialized, a named query is computed as written and never merged into its reader.
+        for (std::string& named : m_namedQueries)
+            named.replace(named.find(" AS (\n"), 5, " AS MATERIALIZED (");
+    }
     return "WITH " + Join(m_namedQueries, ",\n") + "\n" + body;
 }
 

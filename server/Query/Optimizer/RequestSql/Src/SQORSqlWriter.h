@@ -258,6 +258,10 @@ private:
     std::set<std::string> m_aliases;
     std::unordered_map<std::string, int> m_nextSuffix;
     std::vector<std::string> m_namedQueries;  // "d1 AS (...)", in the order they may be read
+    // The statement holds a right or full join. SQLite 3.40's query flattener mistakes rows of
+    // such joins when it merges a named query into the query that reads it (a UNION ALL whose
+    // branch right-joins returned an extra row); named queries are then materialized.
+    bool m_bRightOrFullJoin = false;
     std::set<const RqAbstractList*> m_activeShared;
     int m_listDepth = 0;
     size_t m_numConnectives = 0;
