@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "BenchSupport.h"
 #include "Query/Optimizer/Request/SQORRqVisitorDefaults.h"
 #include "Query/Optimizer/RequestText/SQORTextCatalog.h"
 #include "Query/Optimizer/RequestText/SQORTextRequest.h"
@@ -56,29 +57,10 @@ RqHandleNode* UnionRequest(int blocks) {
     return RqTextReader::Read(text, "bench.rq", Session().m_pSession.get());
 }
 
-int64_t CountNodes(const RqNode& node) {
-    int64_t count = 1;
-    for (int i = 0; i < node.GetNumChildren(); ++i) {
-        if (const RqNode* child = node.GetIthChild(i))
-            count += CountNodes(*child);
-    }
-    return count;
-}
-
-class NodeCounter : public RqNodeVisitorDefaults<AVisitorRqNode> {
-public:
-    RQ_VISIT_DEFAULTS(RqNodeVisitorDefaults<AVisitorRqNode>);
-    bool VisitAny(RqNode&) override {
-        ++m_count;
-        return false;
-    }
-    int64_t m_count = 0;
-};
-
 void BM_AddPKToLeaf(benchmark::State& state) {
     const int blocks = static_cast<int>(state.range(0));
     Heap<RqHandleNode> pattern(UnionRequest(blocks));
-    const int64_t nodes = CountNodes(*pattern);
+    const int64_t nodes = rqbench::CountNodes(*pattern);
     for (auto _ : state) {
         state.PauseTiming();
         Heap<RqNode> request(pattern->DeepCopy(false));
@@ -90,10 +72,7 @@ void BM_AddPKToLeaf(benchmark::State& state) {
         request.Reset();
         state.ResumeTiming();
     }
-    state.counters["nodes"] = static_cast<double>(nodes);
-    state.counters["ns/node"] = benchmark::Counter(
-        static_cast<double>(nodes),
-        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    rqbench::SetNsPerNode(state, nodes);
     state.SetComplexityN(nodes);
 }
 BENCHMARK(BM_AddPKToLeaf)
@@ -106,16 +85,13 @@ BENCHMARK(BM_AddPKToLeaf)
 void BM_AddPKToLeafBareTraversal(benchmark::State& state) {
     const int blocks = static_cast<int>(state.range(0));
     Heap<RqHandleNode> request(UnionRequest(blocks));
-    const int64_t nodes = CountNodes(*request);
+    const int64_t nodes = rqbench::CountNodes(*request);
     for (auto _ : state) {
-        NodeCounter counter;
+        rqbench::NodeCounter counter;
         request->Accept(counter);
         benchmark::DoNotOptimize(counter.m_count);
     }
-    state.counters["nodes"] = static_cast<double>(nodes);
-    state.counters["ns/node"] = benchmark::Counter(
-        static_cast<double>(nodes),
-        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    rqbench::SetNsPerNode(state, nodes);
     state.SetComplexityN(nodes);
 }
 BENCHMARK(BM_AddPKToLeafBareTraversal)

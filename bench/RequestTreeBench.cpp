@@ -14,6 +14,7 @@
 #include <deque>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "Query/Optimizer/Request/SQORRqBuilder.h"
 #include "Query/Optimizer/Request/SQORRqVerifier.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSURemoveRedundantOrderBy.h"
@@ -72,21 +73,6 @@ RqHandleNode* WideProjectionRequest(int width) {
     return rqb::Request(block);
 }
 
-int64_t CountNodes(const RqNode& root) {
-    int64_t count = 0;
-    std::vector<const RqNode*> work{&root};
-    while (!work.empty()) {
-        const RqNode* node = work.back();
-        work.pop_back();
-        ++count;
-        for (int i = 0; i < node->GetNumChildren(); ++i) {
-            if (const RqNode* child = node->GetIthChild(i))
-                work.push_back(child);
-        }
-    }
-    return count;
-}
-
 using MakeRequest = RqHandleNode* (*)(int);
 
 void BM_RemoveRedundantOrderBy(benchmark::State& state) {
@@ -105,19 +91,6 @@ void BM_RemoveRedundantOrderBy(benchmark::State& state) {
     state.SetComplexityN(depth);
 }
 BENCHMARK(BM_RemoveRedundantOrderBy)->RangeMultiplier(2)->Range(256, 4096)->Complexity();
-
-// A node visitor that answers every node through the root family hook of the visitor
-// defaults: what the traversal itself costs, the delegation from each kind's overload to the
-// hook included.
-class NodeCounter : public RqNodeVisitorDefaults<AVisitorRqNode> {
-public:
-    RQ_VISIT_DEFAULTS(RqNodeVisitorDefaults<AVisitorRqNode>);
-    bool VisitAny(RqNode&) override {
-        ++m_count;
-        return false;
-    }
-    int64_t m_count = 0;
-};
 
 // The same tree as BM_RemoveRedundantOrderBy, walked without rewriting it: through Accept
 // with a visitor that does nothing, and breadth first through a queue as the rule walks.
@@ -138,7 +111,7 @@ void BM_BareTraversal(benchmark::State& state, bool bQueue) {
                 }
             }
         } else {
-            NodeCounter counter;
+            rqbench::NodeCounter counter;
             request->Accept(counter);
             count = counter.m_count;
         }
@@ -174,7 +147,7 @@ void BM_DeepCopy(benchmark::State& state, MakeRequest make) {
         benchmark::DoNotOptimize(copy.Get());
     }
     state.SetComplexityN(size);
-    state.SetItemsProcessed(state.iterations() * CountNodes(*request));
+    state.SetItemsProcessed(state.iterations() * rqbench::CountNodes(*request));
 }
 BENCHMARK_CAPTURE(BM_DeepCopy, chain, NestedRequest)
     ->RangeMultiplier(2)
@@ -196,7 +169,7 @@ void BM_Verify(benchmark::State& state, MakeRequest make) {
         benchmark::DoNotOptimize(RqVerifier::Verify(*request));
     }
     state.SetComplexityN(size);
-    state.SetItemsProcessed(state.iterations() * CountNodes(*request));
+    state.SetItemsProcessed(state.iterations() * rqbench::CountNodes(*request));
 }
 BENCHMARK_CAPTURE(BM_Verify, chain, NestedRequest)
     ->RangeMultiplier(2)

@@ -13,6 +13,7 @@
 
 #include <vector>
 
+#include "BenchSupport.h"
 #include "Query/Optimizer/Request/SQORRqBuilder.h"
 #include "Query/Optimizer/Request/SQORRqVisitorDefaults.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSUVerticalListSplitter.h"
@@ -90,29 +91,6 @@ Shape DeepShape(int size) {
 
 using MakeShape = Shape (*)(int);
 
-class NodeCounter : public RqNodeVisitorDefaults<AVisitorRqNode> {
-public:
-    RQ_VISIT_DEFAULTS(RqNodeVisitorDefaults<AVisitorRqNode>);
-    bool VisitAny(RqNode&) override {
-        ++m_count;
-        return false;
-    }
-    int64_t m_count = 0;
-};
-
-int64_t CountNodes(RqNode& root) {
-    NodeCounter counter;
-    root.Accept(counter);
-    return counter.m_count;
-}
-
-void SetPerNode(benchmark::State& state, int64_t numNodes) {
-    state.counters["nodes"] = static_cast<double>(numNodes);
-    state.counters["ns/node"] = benchmark::Counter(
-        static_cast<double>(numNodes) * 1e-9,
-        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-}
-
 void BM_NestWithinOuterReprojection(benchmark::State& state, MakeShape make) {
     const int size = static_cast<int>(state.range(0));
     int64_t numNodes = 0;
@@ -120,7 +98,7 @@ void BM_NestWithinOuterReprojection(benchmark::State& state, MakeShape make) {
         state.PauseTiming();
         Shape shape = make(size);
         Heap<RqHandleNode> request(shape.m_pRequest);
-        numNodes = CountNodes(*request);
+        numNodes = rqbench::CountNodes(*request);
         state.ResumeTiming();
         uint32_t level = 0;
         for (RqAbstractList* block : shape.m_blocks) {
@@ -132,7 +110,7 @@ void BM_NestWithinOuterReprojection(benchmark::State& state, MakeShape make) {
         request.Reset();
         state.ResumeTiming();
     }
-    SetPerNode(state, numNodes);
+    rqbench::SetNsPerNode(state, numNodes);
 }
 
 void BM_BareAccept(benchmark::State& state, MakeShape make) {
@@ -140,10 +118,10 @@ void BM_BareAccept(benchmark::State& state, MakeShape make) {
     Heap<RqHandleNode> request(shape.m_pRequest);
     int64_t numNodes = 0;
     for (auto _ : state) {
-        numNodes = CountNodes(*request);
+        numNodes = rqbench::CountNodes(*request);
         benchmark::DoNotOptimize(numNodes);
     }
-    SetPerNode(state, numNodes);
+    rqbench::SetNsPerNode(state, numNodes);
 }
 
 #define RQ_SPLITTER_BENCH(shape)                                           \
