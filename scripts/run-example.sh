@@ -10,6 +10,6 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/nu
 cmake --build "$build" --target rqopt -j "$(nproc)" >/dev/null
 cd "$root"
 if [ "$#" -eq 0 ]; then
-    set -- --diff examples/requests/sales-by-region.rq
+    set -- --diff examples/requests/clearance-revenue.rq
 fi
 exec "$build/tools/rqopt" "$@"
