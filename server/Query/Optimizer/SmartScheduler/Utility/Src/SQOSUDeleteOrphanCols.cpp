@@ -158,21 +158,25 @@ RqExpr* GetPointerToLeaf(RqExpr* expr) {
     return expr;
 }
 
+bool IsGrainCheck(const RqNode* node) {
+    return InKinds(OrphanKinds().m_grainCheck, node);
+}
+
+// Whether the column that a derived column reference reads computes a grain check.
+bool ReadsGrainCheck(const RqNode* reference) {
+    const RqDerivedColumn* column = RqCast<RqDerivedColumnReference>(reference)->GetDerivedColumn();
+    return column != nullptr && AnyNode(column->GetExpr(), IsGrainCheck);
+}
+
 // A grain check in the expression itself, or in a column that one of its derived column
 // references reads: such a column shows whether its block's rows are at the grain a
 // consumer expects, and that answer needs the inputs it checks.
 bool HasGrainCheckExpr(RqExpr* expr) {
     const OrphanKindSets& kinds = OrphanKinds();
-    const auto isGrainCheck = [&kinds](const RqNode* node) {
-        return InKinds(kinds.m_grainCheck, node);
-    };
     return AnyNode(expr, [&](const RqNode* node) {
-        if (isGrainCheck(node))
+        if (InKinds(kinds.m_grainCheck, node))
             return true;
-        if (!InKinds(kinds.m_reference, node))
-            return false;
-        const RqDerivedColumn* column = RqCast<RqDerivedColumnReference>(node)->GetDerivedColumn();
-        return column != nullptr && AnyNode(column->GetExpr(), isGrainCheck);
+        return InKinds(kinds.m_reference, node) && ReadsGrainCheck(node);
     });
 }
 
@@ -222,13 +226,14 @@ using ColumnMarks = std::vector<char>;
 }  // namespace
 
 struct DeleteOrphanCols::ColumnFacts {
-    bool m_bPresent = false;    // the slot holds a column
-    bool m_bConstant = false;   // its expression does not depend on any row
-    bool m_bReal = false;       // it carries a value of its own (IsRealColumn)
-    bool m_bAggr = false;       // its expression holds an aggregate
-    bool m_bTopN = false;       // ... a TopN or BottomN aggregate
-    bool m_bRand = false;       // ... a random number
-    bool m_bReference = false;  // ... a derived column reference
+    bool m_bPresent = false;     // the slot holds a column
+    bool m_bConstant = false;    // its expression does not depend on any row
+    bool m_bReal = false;        // it carries a value of its own (IsRealColumn)
+    bool m_bAggr = false;        // its expression holds an aggregate
+    bool m_bTopN = false;        // ... a TopN or BottomN aggregate
+    bool m_bRand = false;        // ... a random number
+    bool m_bReference = false;   // ... a derived column reference
+    bool m_bGrainCheck = false;  // ... a grain check, or reads one (HasGrainCheckExpr)
 
     static ColumnFacts Of(const RqDerivedColumn* column) {
         ColumnFacts facts;
@@ -243,11 +248,17 @@ struct DeleteOrphanCols::ColumnFacts {
         facts.m_bReal = (expr != nullptr && !facts.m_bConstant) ||
                         ServerInfo::IsRemoteTargetType(column->GetTargetType());
         const OrphanKindSets& kinds = OrphanKinds();
+        // One walk answers every question: the kind of each node is read once.
         AnyNode(expr, [&facts, &kinds](const RqNode* node) {
-            facts.m_bAggr |= IsAggrExpr(node);
-            facts.m_bTopN |= InKinds(kinds.m_topN, node);
-            facts.m_bRand |= InKinds(kinds.m_rand, node);
-            facts.m_bReference |= InKinds(kinds.m_reference, node);
+            const size_t kind = static_cast<size_t>(node->GetObjectType());
+            facts.m_bAggr |= kinds.m_aggr.test(kind);
+            facts.m_bTopN |= kinds.m_topN.test(kind);
+            facts.m_bRand |= kinds.m_rand.test(kind);
+            facts.m_bGrainCheck |= kinds.m_grainCheck.test(kind);
+            if (kinds.m_reference.test(kind)) {
+                facts.m_bReference = true;
+                facts.m_bGrainCheck = facts.m_bGrainCheck || ReadsGrainCheck(node);
+            }
             return false;
         });
         return facts;
@@ -400,12 +411,14 @@ DeleteOrphanCols::DeleteOrphanCols(RqDerivedColumnSet* pColumnRefs, ARpGateway* 
 }
 
 DeleteOrphanCols::~DeleteOrphanCols() {
+    // The set goes before the arena that holds its nodes.
     if (m_bCreatedColumnRefSetInternally)
         delete m_pColumnRefs;
 }
 
 void DeleteOrphanCols::InitColumnRefs() {
-    m_pColumnRefs = new RqDerivedColumnSet();
+    m_pColumnRefArena = std::make_unique<std::pmr::monotonic_buffer_resource>();
+    m_pColumnRefs = new RqDerivedColumnSet(m_pColumnRefArena.get());
     m_bCreatedColumnRefSetInternally = true;
 }
 
@@ -456,20 +469,26 @@ void DeleteOrphanCols::CollectChildReferences(RqList& listNode) {
 void DeleteOrphanCols::DeleteOrphansOfNestedList(RqList& listNode) {
     RqDerivedColumnSet& columnRefs = *m_pColumnRefs;
     RqProjection* projection = listNode.GetProjection();
-    AddOrderByReferences(listNode.GetOrderBy(), projection, columnRefs);
-    AddControlBreakReferences(projection, columnRefs);
-    LoadJoinColumns(listNode.GetJoinSpec(), columnRefs);
-
     m_numColumns = projection != nullptr ? projection->GetNumColumns() : 0;
     const ColumnFactsVector facts =
         projection != nullptr ? FactsOf(*projection) : ColumnFactsVector();
+    const auto anyFact = [&facts](bool ColumnFacts::*fact) {
+        return std::any_of(facts.begin(), facts.end(),
+                           [fact](const ColumnFacts& f) { return f.*fact; });
+    };
+
+    AddOrderByReferences(listNode.GetOrderBy(), projection, columnRefs);
+    // Only aggregates break or sort by columns: the walk is left out for blocks without any.
+    if (anyFact(&ColumnFacts::m_bAggr))
+        AddControlBreakReferences(projection, columnRefs);
+    LoadJoinColumns(listNode.GetJoinSpec(), columnRefs);
     // DISTINCT rows are decided by every column, a random value would be drawn again, and a
     // shared list has other consumers this walk does not see.
-    const bool bSkip =
-        projection == nullptr || listNode.IsDistinct() || listNode.IsShared() ||
-        std::any_of(facts.begin(), facts.end(), [](const ColumnFacts& f) { return f.m_bRand; });
+    const bool bSkip = projection == nullptr || listNode.IsDistinct() || listNode.IsShared() ||
+                       anyFact(&ColumnFacts::m_bRand);
     if (!bSkip) {
-        RemoveGrainCheckColumnsFromDeleteOrphans(listNode, columnRefs);
+        if (anyFact(&ColumnFacts::m_bGrainCheck))
+            RemoveGrainCheckColumnsFromDeleteOrphans(listNode, columnRefs);
         ColumnMarks orphans = FindOrphans(listNode, facts);
         int numOrphans = static_cast<int>(std::count(orphans.begin(), orphans.end(), 1));
         // A block never loses its last column: the last orphan stays.
