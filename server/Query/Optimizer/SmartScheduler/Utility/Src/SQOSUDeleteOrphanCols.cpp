@@ -73,6 +73,47 @@ bool AnyNode(const RqNode* root, Fn fn) {
     return false;
 }
 
+// Adds a column to the set. The columns of a block are mostly made one after another, so they
+// mostly come in ascending address order: an insertion after the greatest one is tried first,
+// and costs no search when it holds.
+void AddColumn(RqDerivedColumnSet& columnRefs, RqDerivedColumn* column) {
+    columnRefs.insert(columnRefs.end(), column);
+}
+
+// Answers whether the set holds each column of a sequence that mostly ascends (a projection's
+// columns, in order): the search starts from where the previous answer was found, and falls
+// back to a search from the root when the column is not just there. The set must not change
+// while a cursor is in use.
+class ColumnRefCursor {
+public:
+    explicit ColumnRefCursor(const RqDerivedColumnSet& columnRefs)
+        : m_columnRefs(columnRefs), m_it(columnRefs.begin()) {}
+
+    bool Contains(RqDerivedColumn* column) {
+        m_it = LowerBound(column);
+        return m_it != m_columnRefs.end() && *m_it == column;
+    }
+
+private:
+    // The first element not below `column`.
+    RqDerivedColumnSet::const_iterator LowerBound(RqDerivedColumn* column) const {
+        const std::less<RqDerivedColumn*> less;
+        RqDerivedColumnSet::const_iterator it = m_it;
+        // The previous answer, or the one after it.
+        for (int step = 0; step < 2; ++step) {
+            if (it != m_columnRefs.begin() && !less(*std::prev(it), column))
+                break;
+            if (it == m_columnRefs.end() || !less(*it, column))
+                return it;
+            ++it;
+        }
+        return m_columnRefs.lower_bound(column);
+    }
+
+    const RqDerivedColumnSet& m_columnRefs;
+    RqDerivedColumnSet::const_iterator m_it;
+};
+
 // The kinds the rule tests every node of a projection for, as sets built once from the kind
 // table: a kind test on the table walks the kind's ancestors, once per node and question.
 struct OrphanKindSets {
@@ -181,8 +222,18 @@ bool HasGrainCheckExpr(RqExpr* expr) {
 }
 
 // Adds the column of every derived column reference below `root`.
+// A wide root (a projection of many columns) is walked one child at a time, so that each walk
+// keeps its stack in place instead of first stacking every column.
 void AddReferencedColumns(const RqNode* root, RqDerivedColumnSet& columnRefs) {
-    ForEachReferencedColumn(root, [&](RqDerivedColumn* column) { columnRefs.insert(column); });
+    if (root == nullptr)
+        return;
+    const auto insert = [&columnRefs](RqDerivedColumn* column) { AddColumn(columnRefs, column); };
+    if (InKinds(OrphanKinds().m_reference, root)) {
+        ForEachReferencedColumn(root, insert);
+        return;
+    }
+    for (int i = 0; i < root->GetNumChildren(); ++i)
+        ForEachReferencedColumn(root->GetIthChild(i), insert);
 }
 
 // The search conditions of a table reference and of the references nested in its sides.
@@ -200,7 +251,7 @@ void AddProjectionColumns(const RqProjection* projection, RqDerivedColumnSet& co
         return;
     for (int i = 0; i < projection->GetNumColumns(); ++i) {
         if (RqDerivedColumn* column = projection->GetIthColumn(i))
-            columnRefs.insert(column);
+            AddColumn(columnRefs, column);
     }
 }
 
@@ -527,6 +578,7 @@ ColumnMarks DeleteOrphanCols::FindOrphans(RqList& listNode, const ColumnFactsVec
     int keepDerivedAggrs = -1;  // not read yet
     const RqEquivalence equivalent;
 
+    ColumnRefCursor read(columnRefs);
     ColumnMarks orphans(numColumns, 0);
     std::vector<int> keptAggrs;
     std::vector<int> orphanAggrs;
@@ -537,7 +589,7 @@ ColumnMarks DeleteOrphanCols::FindOrphans(RqList& listNode, const ColumnFactsVec
         if (column == nullptr)
             continue;
         RqExpr* expr = column->GetExpr();
-        bool bKeep = facts[i].m_bTopN || columnRefs.count(column) > 0;
+        bool bKeep = facts[i].m_bTopN || read.Contains(column);
         if (!bKeep && keepDerivedAggrs < 0) {
             keepDerivedAggrs =
                 SOCompatFlag::GetBool(L"VELD_DISABLE_DELETEORPHAN_IN_DERIVEDTABLE", m_pRp) ? 1 : 0;
@@ -867,7 +919,7 @@ void DeleteOrphanCols::AddOrderByReferences(RqOrderBy* orderBy, RqProjection* pr
             continue;
         RqDerivedColumn* pSortCol = projection->GetMatchingColumn(spec->GetColumnNumber());
         ZK_ASSERT(pSortCol);
-        columnRefs.insert(pSortCol);
+        AddColumn(columnRefs, pSortCol);
     }
 }
 
@@ -891,14 +943,14 @@ void DeleteOrphanCols::AddControlBreakReferences(RqProjection* projection,
             for (int i = 0; i < byList->GetNumColumns(); ++i) {
                 if (RqDerivedColumn* column =
                         projection->GetMatchingColumn(byList->GetIthColumn(i)))
-                    columnRefs.insert(column);
+                    AddColumn(columnRefs, column);
             }
         }
         // A sort-dependent aggregate orders its rows by columns of the projection.
         if (const RqExprSortDependentAggr* sorted = RqDynCast<RqExprSortDependentAggr>(node)) {
             for (const RqExprSortDependentAggr::SortKey& key : sorted->GetSortSpec()) {
                 if (RqDerivedColumn* column = projection->GetMatchingColumn(key.m_columnNumber))
-                    columnRefs.insert(column);
+                    AddColumn(columnRefs, column);
             }
         }
     }
@@ -913,7 +965,7 @@ void DeleteOrphanCols::AddBreakFilterReferences(RqBreakFilter& breakFilter,
     for (const uint16_t index : breakFilter.BreakColumnIndexes()) {
         if (index < projection->GetNumColumns()) {
             if (RqDerivedColumn* column = projection->GetIthColumn(index))
-                columnRefs.insert(column);
+                AddColumn(columnRefs, column);
         }
     }
 }
@@ -936,7 +988,7 @@ void DeleteOrphanCols::AddCountStarReference(RqList& listNode, RqDerivedColumnSe
     for (int i = 0; i < projection->GetNumColumns(); ++i) {
         RqDerivedColumn* column = projection->GetIthColumn(i);
         if (column != nullptr && IsRealColumn(column)) {
-            columnRefs.insert(column);
+            AddColumn(columnRefs, column);
             return;
         }
     }
@@ -970,7 +1022,7 @@ void DeleteOrphanCols::LoadJoinColumns(RqNode* table, const UInt16Vector& indexe
     for (const uint16_t index : indexes) {
         if (index < projection->GetNumColumns()) {
             if (RqDerivedColumn* column = projection->GetIthColumn(index))
-                columnRefs.insert(column);
+                AddColumn(columnRefs, column);
         }
     }
 }
@@ -984,7 +1036,7 @@ void DeleteOrphanCols::RemoveGrainCheckColumnsFromDeleteOrphans(RqList& listNode
         RqDerivedColumn* column = projection->GetIthColumn(i);
         if (column == nullptr || !HasGrainCheckExpr(column->GetExpr()))
             continue;
-        columnRefs.insert(column);
+        AddColumn(columnRefs, column);
         AddReferencedColumns(column->GetExpr(), columnRefs);
     }
 }
