@@ -73,6 +73,47 @@ bool AnyNode(const RqNode* root, Fn fn) {
     return false;
 }
 
+// Adds a column to the set. The columns of a block are mostly made one after another, so they
+// mostly come in ascending address order: an insertion after the greatest one is tried first,
+// and costs no search when it holds.
+void AddColumn(RqDerivedColumnSet& columnRefs, RqDerivedColumn* column) {
+    columnRefs.insert(columnRefs.end(), column);
+}
+
+// Answers whether the set holds each column of a sequence that mostly ascends (a projection's
+// columns, in order): the search starts from where the previous answer was found, and falls
+// back to a search from the root when the column is not just there. The set must not change
+// while a cursor is in use.
+class ColumnRefCursor {
+public:
+    explicit ColumnRefCursor(const RqDerivedColumnSet& columnRefs)
+        : m_columnRefs(columnRefs), m_it(columnRefs.begin()) {}
+
+    bool Contains(RqDerivedColumn* column) {
+        m_it = LowerBound(column);
+        return m_it != m_columnRefs.end() && *m_it == column;
+    }
+
+private:
+    // The first element not below `column`.
+    RqDerivedColumnSet::const_iterator LowerBound(RqDerivedColumn* column) const {
+        const std::less<RqDerivedColumn*> less;
+        RqDerivedColumnSet::const_iterator it = m_it;
+        // The previous answer, or the one after it.
+        for (int step = 0; step < 2; ++step) {
+            if (it != m_columnRefs.begin() && !less(*std::prev(it), column))
+                break;
+            if (it == m_columnRefs.end() || !less(*it, column))
+                return it;
+            ++it;
+        }
+        return m_columnRefs.lower_bound(column);
+    }
+
+    const RqDerivedColumnSet& m_columnRefs;
+    RqDerivedColumnSet::const_iterator m_it;
+};
+
 // The kinds the rule tests every node of a projection for, as sets built once from the kind
 // table: a kind test on the table walks the kind's ancestors, once per node and question.
 struct OrphanKindSets {
@@ -158,27 +199,41 @@ RqExpr* GetPointerToLeaf(RqExpr* expr) {
     return expr;
 }
 
+bool IsGrainCheck(const RqNode* node) {
+    return InKinds(OrphanKinds().m_grainCheck, node);
+}
+
+// Whether the column that a derived column reference reads computes a grain check.
+bool ReadsGrainCheck(const RqNode* reference) {
+    const RqDerivedColumn* column = RqCast<RqDerivedColumnReference>(reference)->GetDerivedColumn();
+    return column != nullptr && AnyNode(column->GetExpr(), IsGrainCheck);
+}
+
 // A grain check in the expression itself, or in a column that one of its derived column
 // references reads: such a column shows whether its block's rows are at the grain a
 // consumer expects, and that answer needs the inputs it checks.
 bool HasGrainCheckExpr(RqExpr* expr) {
     const OrphanKindSets& kinds = OrphanKinds();
-    const auto isGrainCheck = [&kinds](const RqNode* node) {
-        return InKinds(kinds.m_grainCheck, node);
-    };
     return AnyNode(expr, [&](const RqNode* node) {
-        if (isGrainCheck(node))
+        if (InKinds(kinds.m_grainCheck, node))
             return true;
-        if (!InKinds(kinds.m_reference, node))
-            return false;
-        const RqDerivedColumn* column = RqCast<RqDerivedColumnReference>(node)->GetDerivedColumn();
-        return column != nullptr && AnyNode(column->GetExpr(), isGrainCheck);
+        return InKinds(kinds.m_reference, node) && ReadsGrainCheck(node);
     });
 }
 
 // Adds the column of every derived column reference below `root`.
+// A wide root (a projection of many columns) is walked one child at a time, so that each walk
+// keeps its stack in place instead of first stacking every column.
 void AddReferencedColumns(const RqNode* root, RqDerivedColumnSet& columnRefs) {
-    ForEachReferencedColumn(root, [&](RqDerivedColumn* column) { columnRefs.insert(column); });
+    if (root == nullptr)
+        return;
+    const auto insert = [&columnRefs](RqDerivedColumn* column) { AddColumn(columnRefs, column); };
+    if (InKinds(OrphanKinds().m_reference, root)) {
+        ForEachReferencedColumn(root, insert);
+        return;
+    }
+    for (int i = 0; i < root->GetNumChildren(); ++i)
+        ForEachReferencedColumn(root->GetIthChild(i), insert);
 }
 
 // The search conditions of a table reference and of the references nested in its sides.
@@ -196,7 +251,7 @@ void AddProjectionColumns(const RqProjection* projection, RqDerivedColumnSet& co
         return;
     for (int i = 0; i < projection->GetNumColumns(); ++i) {
         if (RqDerivedColumn* column = projection->GetIthColumn(i))
-            columnRefs.insert(column);
+            AddColumn(columnRefs, column);
     }
 }
 
@@ -222,13 +277,14 @@ using ColumnMarks = std::vector<char>;
 }  // namespace
 
 struct DeleteOrphanCols::ColumnFacts {
-    bool m_bPresent = false;    // the slot holds a column
-    bool m_bConstant = false;   // its expression does not depend on any row
-    bool m_bReal = false;       // it carries a value of its own (IsRealColumn)
-    bool m_bAggr = false;       // its expression holds an aggregate
-    bool m_bTopN = false;       // ... a TopN or BottomN aggregate
-    bool m_bRand = false;       // ... a random number
-    bool m_bReference = false;  // ... a derived column reference
+    bool m_bPresent = false;     // the slot holds a column
+    bool m_bConstant = false;    // its expression does not depend on any row
+    bool m_bReal = false;        // it carries a value of its own (IsRealColumn)
+    bool m_bAggr = false;        // its expression holds an aggregate
+    bool m_bTopN = false;        // ... a TopN or BottomN aggregate
+    bool m_bRand = false;        // ... a random number
+    bool m_bReference = false;   // ... a derived column reference
+    bool m_bGrainCheck = false;  // ... a grain check, or reads one (HasGrainCheckExpr)
 
     static ColumnFacts Of(const RqDerivedColumn* column) {
         ColumnFacts facts;
@@ -243,11 +299,17 @@ struct DeleteOrphanCols::ColumnFacts {
         facts.m_bReal = (expr != nullptr && !facts.m_bConstant) ||
                         ServerInfo::IsRemoteTargetType(column->GetTargetType());
         const OrphanKindSets& kinds = OrphanKinds();
+        // One walk answers every question: the kind of each node is read once.
         AnyNode(expr, [&facts, &kinds](const RqNode* node) {
-            facts.m_bAggr |= IsAggrExpr(node);
-            facts.m_bTopN |= InKinds(kinds.m_topN, node);
-            facts.m_bRand |= InKinds(kinds.m_rand, node);
-            facts.m_bReference |= InKinds(kinds.m_reference, node);
+            const size_t kind = static_cast<size_t>(node->GetObjectType());
+            facts.m_bAggr |= kinds.m_aggr.test(kind);
+            facts.m_bTopN |= kinds.m_topN.test(kind);
+            facts.m_bRand |= kinds.m_rand.test(kind);
+            facts.m_bGrainCheck |= kinds.m_grainCheck.test(kind);
+            if (kinds.m_reference.test(kind)) {
+                facts.m_bReference = true;
+                facts.m_bGrainCheck = facts.m_bGrainCheck || ReadsGrainCheck(node);
+            }
             return false;
         });
         return facts;
@@ -400,12 +462,14 @@ DeleteOrphanCols::DeleteOrphanCols(RqDerivedColumnSet* pColumnRefs, ARpGateway* 
 }
 
 DeleteOrphanCols::~DeleteOrphanCols() {
+    // The set goes before the arena that holds its nodes.
     if (m_bCreatedColumnRefSetInternally)
         delete m_pColumnRefs;
 }
 
 void DeleteOrphanCols::InitColumnRefs() {
-    m_pColumnRefs = new RqDerivedColumnSet();
+    m_pColumnRefArena = std::make_unique<std::pmr::monotonic_buffer_resource>();
+    m_pColumnRefs = new RqDerivedColumnSet(m_pColumnRefArena.get());
     m_bCreatedColumnRefSetInternally = true;
 }
 
@@ -456,20 +520,26 @@ void DeleteOrphanCols::CollectChildReferences(RqList& listNode) {
 void DeleteOrphanCols::DeleteOrphansOfNestedList(RqList& listNode) {
     RqDerivedColumnSet& columnRefs = *m_pColumnRefs;
     RqProjection* projection = listNode.GetProjection();
-    AddOrderByReferences(listNode.GetOrderBy(), projection, columnRefs);
-    AddControlBreakReferences(projection, columnRefs);
-    LoadJoinColumns(listNode.GetJoinSpec(), columnRefs);
-
     m_numColumns = projection != nullptr ? projection->GetNumColumns() : 0;
     const ColumnFactsVector facts =
         projection != nullptr ? FactsOf(*projection) : ColumnFactsVector();
+    const auto anyFact = [&facts](bool ColumnFacts::*fact) {
+        return std::any_of(facts.begin(), facts.end(),
+                           [fact](const ColumnFacts& f) { return f.*fact; });
+    };
+
+    AddOrderByReferences(listNode.GetOrderBy(), projection, columnRefs);
+    // Only aggregates break or sort by columns: the walk is left out for blocks without any.
+    if (anyFact(&ColumnFacts::m_bAggr))
+        AddControlBreakReferences(projection, columnRefs);
+    LoadJoinColumns(listNode.GetJoinSpec(), columnRefs);
     // DISTINCT rows are decided by every column, a random value would be drawn again, and a
     // shared list has other consumers this walk does not see.
-    const bool bSkip =
-        projection == nullptr || listNode.IsDistinct() || listNode.IsShared() ||
-        std::any_of(facts.begin(), facts.end(), [](const ColumnFacts& f) { return f.m_bRand; });
+    const bool bSkip = projection == nullptr || listNode.IsDistinct() || listNode.IsShared() ||
+                       anyFact(&ColumnFacts::m_bRand);
     if (!bSkip) {
-        RemoveGrainCheckColumnsFromDeleteOrphans(listNode, columnRefs);
+        if (anyFact(&ColumnFacts::m_bGrainCheck))
+            RemoveGrainCheckColumnsFromDeleteOrphans(listNode, columnRefs);
         ColumnMarks orphans = FindOrphans(listNode, facts);
         int numOrphans = static_cast<int>(std::count(orphans.begin(), orphans.end(), 1));
         // A block never loses its last column: the last orphan stays.
@@ -508,6 +578,7 @@ ColumnMarks DeleteOrphanCols::FindOrphans(RqList& listNode, const ColumnFactsVec
     int keepDerivedAggrs = -1;  // not read yet
     const RqEquivalence equivalent;
 
+    ColumnRefCursor read(columnRefs);
     ColumnMarks orphans(numColumns, 0);
     std::vector<int> keptAggrs;
     std::vector<int> orphanAggrs;
@@ -518,7 +589,7 @@ ColumnMarks DeleteOrphanCols::FindOrphans(RqList& listNode, const ColumnFactsVec
         if (column == nullptr)
             continue;
         RqExpr* expr = column->GetExpr();
-        bool bKeep = facts[i].m_bTopN || columnRefs.count(column) > 0;
+        bool bKeep = facts[i].m_bTopN || read.Contains(column);
         if (!bKeep && keepDerivedAggrs < 0) {
             keepDerivedAggrs =
                 SOCompatFlag::GetBool(L"VELD_DISABLE_DELETEORPHAN_IN_DERIVEDTABLE", m_pRp) ? 1 : 0;
@@ -848,7 +919,7 @@ void DeleteOrphanCols::AddOrderByReferences(RqOrderBy* orderBy, RqProjection* pr
             continue;
         RqDerivedColumn* pSortCol = projection->GetMatchingColumn(spec->GetColumnNumber());
         ZK_ASSERT(pSortCol);
-        columnRefs.insert(pSortCol);
+        AddColumn(columnRefs, pSortCol);
     }
 }
 
@@ -872,14 +943,14 @@ void DeleteOrphanCols::AddControlBreakReferences(RqProjection* projection,
             for (int i = 0; i < byList->GetNumColumns(); ++i) {
                 if (RqDerivedColumn* column =
                         projection->GetMatchingColumn(byList->GetIthColumn(i)))
-                    columnRefs.insert(column);
+                    AddColumn(columnRefs, column);
             }
         }
         // A sort-dependent aggregate orders its rows by columns of the projection.
         if (const RqExprSortDependentAggr* sorted = RqDynCast<RqExprSortDependentAggr>(node)) {
             for (const RqExprSortDependentAggr::SortKey& key : sorted->GetSortSpec()) {
                 if (RqDerivedColumn* column = projection->GetMatchingColumn(key.m_columnNumber))
-                    columnRefs.insert(column);
+                    AddColumn(columnRefs, column);
             }
         }
     }
@@ -894,7 +965,7 @@ void DeleteOrphanCols::AddBreakFilterReferences(RqBreakFilter& breakFilter,
     for (const uint16_t index : breakFilter.BreakColumnIndexes()) {
         if (index < projection->GetNumColumns()) {
             if (RqDerivedColumn* column = projection->GetIthColumn(index))
-                columnRefs.insert(column);
+                AddColumn(columnRefs, column);
         }
     }
 }
@@ -917,7 +988,7 @@ void DeleteOrphanCols::AddCountStarReference(RqList& listNode, RqDerivedColumnSe
     for (int i = 0; i < projection->GetNumColumns(); ++i) {
         RqDerivedColumn* column = projection->GetIthColumn(i);
         if (column != nullptr && IsRealColumn(column)) {
-            columnRefs.insert(column);
+            AddColumn(columnRefs, column);
             return;
         }
     }
@@ -951,7 +1022,7 @@ void DeleteOrphanCols::LoadJoinColumns(RqNode* table, const UInt16Vector& indexe
     for (const uint16_t index : indexes) {
         if (index < projection->GetNumColumns()) {
             if (RqDerivedColumn* column = projection->GetIthColumn(index))
-                columnRefs.insert(column);
+                AddColumn(columnRefs, column);
         }
     }
 }
@@ -965,7 +1036,7 @@ void DeleteOrphanCols::RemoveGrainCheckColumnsFromDeleteOrphans(RqList& listNode
         RqDerivedColumn* column = projection->GetIthColumn(i);
         if (column == nullptr || !HasGrainCheckExpr(column->GetExpr()))
             continue;
-        columnRefs.insert(column);
+        AddColumn(columnRefs, column);
         AddReferencedColumns(column->GetExpr(), columnRefs);
     }
 }

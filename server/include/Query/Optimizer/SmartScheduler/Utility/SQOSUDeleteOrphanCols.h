@@ -5,15 +5,18 @@
 // next, knows its own orphans.
 
 #include <functional>
+#include <memory>
+#include <memory_resource>
 #include <set>
 #include <vector>
 
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSURewriteRule.h"
 
 // The columns some consumer reads, keyed by address. Shared by a rule and every sub-visitor it
-// starts, so that what a block records for its children is seen where they are visited.
-using RqDerivedColumnSet =
-    std::set<RqDerivedColumn*, std::less<RqDerivedColumn*>, ZKAllocator<RqDerivedColumn*>>;
+// starts, so that what a block records for its children is seen where they are visited. The set
+// is the rule's working memory, held by no node: the rule that creates it gives it an arena
+// (see m_pColumnRefArena), so that an insertion costs no allocation of its own.
+using RqDerivedColumnSet = std::pmr::set<RqDerivedColumn*>;
 
 class DeleteOrphanCols : public RqNodeVisitorDefaults<RewriteRule> {
 public:
@@ -120,4 +123,7 @@ private:
     int32_t m_numColumns;
     ARpGateway* m_pRp;
     bool m_bCreatedColumnRefSetInternally;
+    // The memory of the set this rule created: set nodes are only ever added during the one
+    // pass, and all are dropped with the set, so they are carved from blocks freed at once.
+    std::unique_ptr<std::pmr::monotonic_buffer_resource> m_pColumnRefArena;
 };
