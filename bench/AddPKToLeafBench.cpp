@@ -58,22 +58,11 @@ RqHandleNode* UnionRequest(int blocks) {
 }
 
 void BM_AddPKToLeaf(benchmark::State& state) {
-    const int blocks = static_cast<int>(state.range(0));
-    Heap<RqHandleNode> pattern(UnionRequest(blocks));
-    const int64_t nodes = rqbench::CountNodes(*pattern);
-    for (auto _ : state) {
-        state.PauseTiming();
-        Heap<RqNode> request(pattern->DeepCopy(false));
-        state.ResumeTiming();
+    rqbench::TimeOnFreshRequests(state, UnionRequest, [](RqHandleNode& request) {
         AddPKToLeaf rule(Session().m_pSession.get());
-        rule.ApplyRule(*request);
-        benchmark::DoNotOptimize(request.Get());
-        state.PauseTiming();
-        request.Reset();
-        state.ResumeTiming();
-    }
-    rqbench::SetNsPerNode(state, nodes);
-    state.SetComplexityN(nodes);
+        rule.ApplyRule(request);
+        benchmark::DoNotOptimize(&request);
+    });
 }
 BENCHMARK(BM_AddPKToLeaf)
     ->RangeMultiplier(8)
@@ -83,16 +72,7 @@ BENCHMARK(BM_AddPKToLeaf)
     ->Complexity(benchmark::oN);
 
 void BM_AddPKToLeafBareTraversal(benchmark::State& state) {
-    const int blocks = static_cast<int>(state.range(0));
-    Heap<RqHandleNode> request(UnionRequest(blocks));
-    const int64_t nodes = rqbench::CountNodes(*request);
-    for (auto _ : state) {
-        rqbench::NodeCounter counter;
-        request->Accept(counter);
-        benchmark::DoNotOptimize(counter.m_count);
-    }
-    rqbench::SetNsPerNode(state, nodes);
-    state.SetComplexityN(nodes);
+    rqbench::BareTraversal(state, UnionRequest);
 }
 BENCHMARK(BM_AddPKToLeafBareTraversal)
     ->RangeMultiplier(8)

@@ -4,7 +4,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <vector>
 
 #include "Query/Optimizer/Request/SQORRqVisitorDefaults.h"
 
@@ -30,12 +32,54 @@ inline int64_t CountNodes(RqNode& root) {
     return counter.m_count;
 }
 
-// Reports the tree's size and the time per node; `numNodes` is what one iteration handles.
-inline void SetNsPerNode(benchmark::State& state, int64_t numNodes) {
+// Reports the size of one request and the time per node, when every iteration handles
+// `numRequests` requests of `numNodes` nodes.
+inline void SetNsPerNode(benchmark::State& state, int64_t numNodes, int numRequests = 1) {
     state.counters["nodes"] = static_cast<double>(numNodes);
     state.counters["ns/node"] = benchmark::Counter(
-        static_cast<double>(numNodes) * 1e-9,
+        static_cast<double>(numNodes) * numRequests * 1e-9,
         benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+using MakeRequest = RqHandleNode* (*)(int);
+
+// Times `work` on each request of a batch of freshly built ones; building and destroying them
+// is not timed. Small requests are built in batches, so that stopping the clock (a system call)
+// is not counted as their cost. A rule rewrites its request, so every run needs a fresh one;
+// the bare walk is given fresh ones too, so that both start from trees in the same state
+// (just built, the batch too large to stay in the caches) and their ratio is the rule's own.
+template <class Work>
+void TimeOnFreshRequests(benchmark::State& state, MakeRequest make, Work work) {
+    const int size = static_cast<int>(state.range(0));
+    int64_t numNodes = 0;
+    {
+        Heap<RqHandleNode> probe(make(size));
+        numNodes = CountNodes(*probe);
+    }
+    const int batch =
+        static_cast<int>(std::max<int64_t>(1, 100000 / std::max<int64_t>(1, numNodes)));
+    std::vector<Heap<RqHandleNode>> requests;
+    for (auto _ : state) {
+        state.PauseTiming();
+        for (int i = 0; i < batch; ++i)
+            requests.emplace_back(make(size));
+        state.ResumeTiming();
+        for (Heap<RqHandleNode>& request : requests)
+            work(*request);
+        state.PauseTiming();
+        requests.clear();
+        state.ResumeTiming();
+    }
+    SetNsPerNode(state, numNodes, batch);
+}
+
+// The bare traversal beside a rule: Accept with a visitor that does nothing.
+inline void BareTraversal(benchmark::State& state, MakeRequest make) {
+    TimeOnFreshRequests(state, make, [](RqHandleNode& request) {
+        NodeCounter counter;
+        request.Accept(counter);
+        benchmark::DoNotOptimize(counter.m_count);
+    });
 }
 
 }  // namespace rqbench

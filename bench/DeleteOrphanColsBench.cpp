@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "Query/Optimizer/Request/SQORRqBuilder.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSUDeleteOrphanCols.h"
 
@@ -76,70 +77,10 @@ RqHandleNode* DeepRequest(int size) {
     return rqb::Request(list);
 }
 
-int64_t CountNodes(const RqNode& root) {
-    int64_t count = 0;
-    std::vector<const RqNode*> work{&root};
-    while (!work.empty()) {
-        const RqNode* node = work.back();
-        work.pop_back();
-        ++count;
-        for (int i = 0; i < node->GetNumChildren(); ++i) {
-            if (const RqNode* child = node->GetIthChild(i))
-                work.push_back(child);
-        }
-    }
-    return count;
-}
-
-// `numNodes`: of one request; `numRequests`: requests per iteration.
-void SetCounters(benchmark::State& state, int64_t numNodes, int numRequests = 1) {
-    state.counters["nodes"] = static_cast<double>(numNodes);
-    // Nodes per nanosecond, inverted: nanoseconds per node.
-    state.counters["ns/node"] =
-        benchmark::Counter(static_cast<double>(state.iterations() * numNodes * numRequests) / 1e9,
-                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-}
-
-using MakeRequest = RqHandleNode* (*)(int);
-
-class NodeCounter : public RqNodeVisitorDefaults<AVisitorRqNode> {
-public:
-    RQ_VISIT_DEFAULTS(RqNodeVisitorDefaults<AVisitorRqNode>);
-    bool VisitAny(RqNode&) override {
-        ++m_count;
-        return false;
-    }
-    int64_t m_count = 0;
-};
-
-// Times `work` on each request of a batch of freshly built ones; building and destroying them
-// is not timed. Small requests are built in batches, so that stopping the clock (a system call)
-// is not counted as their cost. The rule rewrites its request, so every run needs a fresh one;
-// the bare walk is given fresh ones too, so that both start from trees in the same state
-// (just built, the batch too large to stay in the caches) and their ratio is the rule's own.
-template <class Work>
-void TimeOnFreshRequests(benchmark::State& state, MakeRequest make, Work work) {
-    const int size = static_cast<int>(state.range(0));
-    const int batch = std::max(1, 100000 / size);
-    int64_t numNodes = 0;
-    std::vector<Heap<RqHandleNode>> requests;
-    for (auto _ : state) {
-        state.PauseTiming();
-        for (int i = 0; i < batch; ++i)
-            requests.emplace_back(make(size));
-        numNodes = CountNodes(*requests.front());
-        state.ResumeTiming();
-        for (Heap<RqHandleNode>& request : requests)
-            work(*request);
-        state.PauseTiming();
-        requests.clear();
-        state.ResumeTiming();
-    }
-    SetCounters(state, numNodes, batch);
-}
+using rqbench::MakeRequest;
 
 void BM_DeleteOrphanCols(benchmark::State& state, MakeRequest make) {
-    TimeOnFreshRequests(state, make, [](RqHandleNode& request) {
+    rqbench::TimeOnFreshRequests(state, make, [](RqHandleNode& request) {
         DeleteOrphanCols rule(nullptr);
         rule.ApplyRule(request);
         benchmark::DoNotOptimize(&request);
@@ -147,11 +88,7 @@ void BM_DeleteOrphanCols(benchmark::State& state, MakeRequest make) {
 }
 
 void BM_OrphanBareTraversal(benchmark::State& state, MakeRequest make) {
-    TimeOnFreshRequests(state, make, [](RqHandleNode& request) {
-        NodeCounter counter;
-        request.Accept(counter);
-        benchmark::DoNotOptimize(counter.m_count);
-    });
+    rqbench::BareTraversal(state, make);
 }
 
 // The deep chain stops at about 10^5 nodes (4,500 levels): the rule nests one walk per level

@@ -113,15 +113,14 @@ void BM_NestWithinOuterReprojection(benchmark::State& state, MakeShape make) {
     rqbench::SetNsPerNode(state, numNodes);
 }
 
-void BM_BareAccept(benchmark::State& state, MakeShape make) {
-    Shape shape = make(static_cast<int>(state.range(0)));
-    Heap<RqHandleNode> request(shape.m_pRequest);
-    int64_t numNodes = 0;
-    for (auto _ : state) {
-        numNodes = rqbench::CountNodes(*request);
-        benchmark::DoNotOptimize(numNodes);
-    }
-    rqbench::SetNsPerNode(state, numNodes);
+// The request of a shape alone, for the bare traversal.
+template <MakeShape make>
+RqHandleNode* RequestOf(int size) {
+    return make(size).m_pRequest;
+}
+
+void BM_BareAccept(benchmark::State& state, rqbench::MakeRequest make) {
+    rqbench::BareTraversal(state, make);
 }
 
 #define RQ_SPLITTER_BENCH(shape)                                           \
@@ -129,7 +128,7 @@ void BM_BareAccept(benchmark::State& state, MakeShape make) {
         ->RangeMultiplier(10)                                              \
         ->Range(1000, 1000000)                                             \
         ->Unit(benchmark::kMicrosecond);                                   \
-    BENCHMARK_CAPTURE(BM_BareAccept, shape, shape##Shape)                  \
+    BENCHMARK_CAPTURE(BM_BareAccept, shape, &RequestOf<shape##Shape>)      \
         ->RangeMultiplier(10)                                              \
         ->Range(1000, 1000000)                                             \
         ->Unit(benchmark::kMicrosecond);
