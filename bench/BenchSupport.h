@@ -71,6 +71,7 @@ void TimeOnFreshRequests(benchmark::State& state, MakeRequest make, Work work) {
         state.ResumeTiming();
     }
     SetNsPerNode(state, numNodes, batch);
+    state.SetComplexityN(numNodes);
 }
 
 // The bare traversal beside a rule: Accept with a visitor that does nothing.
