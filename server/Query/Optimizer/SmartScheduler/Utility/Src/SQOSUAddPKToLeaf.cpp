@@ -205,6 +205,10 @@ void WrapFrameworkBranches(SetOperation& setOperation) {
             VerticalListSplitter::NestWithinOuterReprojection(*oldLeafSubList, nullptr, true, 0);
         ZK_ASSERT(NULL != newOuterListForCombinedSelect);
         MarkOuterBlockForServer(*newOuterListForCombinedSelect);
+        // A DISTINCT branch gives its DISTINCT to the outer block: its limit and offset count
+        // the distinct rows, so they go along.
+        if (newOuterListForCombinedSelect->IsDistinct())
+            MoveRowLimitOutward(*oldLeafSubList, *newOuterListForCombinedSelect);
         setOperation.SetIthList(i, newOuterListForCombinedSelect);
     }
 }

@@ -369,14 +369,20 @@ int ColumnThatKeepsGrain(const RqList& listNode, const ColumnFactsVector& facts,
 
 // Whether a block whose aggregates are all gone may trade its GROUP BY for DISTINCT and keep
 // its rows: every grouping column is still projected (so DISTINCT separates the groups), the
-// block is grouped once (stacked grouping sets would merge), and no filter on aggregated rows
-// would lose the grouping it is evaluated at.
+// block is grouped once (stacked grouping sets would merge), no filter on aggregated rows
+// would lose the grouping it is evaluated at, and no kept column or sort key computes over
+// an aggregate (Max(x) + 8 is not an aggregate column itself, yet it needs the groups).
 bool GroupByBecomesDistinct(const RqList& listNode, const ColumnMarks& doomed) {
     const RqGroupBy* groupBy = listNode.GetGroupBy();
     if (groupBy->IsGroupingSets() || listNode.GetSummaryFilter() != nullptr ||
-        ContainsAggr(listNode.GetDetailFilter()))
+        ContainsAggr(listNode.GetDetailFilter()) || ContainsAggr(listNode.GetOrderBy()))
         return false;
     const RqProjection* projection = listNode.GetProjection();
+    for (int i = 0; i < projection->GetNumColumns(); ++i) {
+        const RqDerivedColumn* column = projection->GetIthColumn(i);
+        if (column != nullptr && !doomed[i] && ContainsAggr(column->GetExpr()))
+            return false;
+    }
     const RqEquivalence equivalent;
     for (int g = 0; g < groupBy->GetNumColumns(); ++g) {
         const RqExpr* grouped = groupBy->GetIthColumn(g);
