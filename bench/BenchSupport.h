@@ -43,35 +43,52 @@ inline void SetNsPerNode(benchmark::State& state, int64_t numNodes, int numReque
 
 using MakeRequest = RqHandleNode* (*)(int);
 
-// Times `work` on each request of a batch of freshly built ones; building and destroying them
-// is not timed. Small requests are built in batches, so that stopping the clock (a system call)
-// is not counted as their cost. A rule rewrites its request, so every run needs a fresh one;
-// the bare walk is given fresh ones too, so that both start from trees in the same state
-// (just built, the batch too large to stay in the caches) and their ratio is the rule's own.
-template <class Work>
-void TimeOnFreshRequests(benchmark::State& state, MakeRequest make, Work work) {
+// The request a made item owns: a request alone, or a request with the parts of it that a
+// benchmark works on.
+inline RqHandleNode& RequestOf(Heap<RqHandleNode>& request) {
+    return *request;
+}
+
+// Times `work` on each item of a batch of freshly made ones (`make(size)` returns an item that
+// owns its request, see RequestOf); making and destroying them is not timed. Small requests
+// are made in batches, so that stopping the clock (a system call) is not counted as their
+// cost. A rule rewrites its request, so every run needs a fresh one; the bare walk is given
+// fresh ones too, so that both start from trees in the same state (just built, the batch too
+// large to stay in the caches) and their ratio is the work's own.
+template <class Make, class Work>
+void TimeOnFreshItems(benchmark::State& state, Make make, Work work) {
+    using Item = decltype(make(0));
     const int size = static_cast<int>(state.range(0));
     int64_t numNodes = 0;
     {
-        Heap<RqHandleNode> probe(make(size));
-        numNodes = CountNodes(*probe);
+        Item probe = make(size);
+        numNodes = CountNodes(RequestOf(probe));
     }
     const int batch =
         static_cast<int>(std::max<int64_t>(1, 100000 / std::max<int64_t>(1, numNodes)));
-    std::vector<Heap<RqHandleNode>> requests;
+    std::vector<Item> items;
+    items.reserve(static_cast<size_t>(batch));
     for (auto _ : state) {
         state.PauseTiming();
         for (int i = 0; i < batch; ++i)
-            requests.emplace_back(make(size));
+            items.push_back(make(size));
         state.ResumeTiming();
-        for (Heap<RqHandleNode>& request : requests)
-            work(*request);
+        for (Item& item : items)
+            work(item);
         state.PauseTiming();
-        requests.clear();
+        items.clear();
         state.ResumeTiming();
     }
     SetNsPerNode(state, numNodes, batch);
     state.SetComplexityN(numNodes);
+}
+
+// TimeOnFreshItems over requests alone.
+template <class Work>
+void TimeOnFreshRequests(benchmark::State& state, MakeRequest make, Work work) {
+    TimeOnFreshItems(
+        state, [make](int size) { return Heap<RqHandleNode>(make(size)); },
+        [&work](Heap<RqHandleNode>& request) { work(*request); });
 }
 
 // The bare traversal beside a rule: Accept with a visitor that does nothing.

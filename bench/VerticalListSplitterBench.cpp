@@ -7,10 +7,11 @@
 //    the chain is nested.
 // The counters give nanoseconds per node of the request before the nesting, so that the
 // shapes and sizes compare directly; a cost that grows faster than the tree shows up as a
-// rising ns/node.
+// rising ns/node. Both the nesting and the walk run on fresh batches of requests.
 
 #include <benchmark/benchmark.h>
 
+#include <utility>
 #include <vector>
 
 #include "BenchSupport.h"
@@ -91,31 +92,35 @@ Shape DeepShape(int size) {
 
 using MakeShape = Shape (*)(int);
 
+// A shape that owns its request, for a batch of fresh ones.
+struct OwnedShape {
+    Heap<RqHandleNode> m_request;
+    std::vector<RqAbstractList*> m_blocks;
+};
+
+RqHandleNode& RequestOf(OwnedShape& shape) {
+    return *shape.m_request;
+}
+
 void BM_NestWithinOuterReprojection(benchmark::State& state, MakeShape make) {
-    const int size = static_cast<int>(state.range(0));
-    int64_t numNodes = 0;
-    for (auto _ : state) {
-        state.PauseTiming();
-        Shape shape = make(size);
-        Heap<RqHandleNode> request(shape.m_pRequest);
-        numNodes = rqbench::CountNodes(*request);
-        state.ResumeTiming();
-        uint32_t level = 0;
-        for (RqAbstractList* block : shape.m_blocks) {
-            RqList* outer =
-                VerticalListSplitter::NestWithinOuterReprojection(*block, nullptr, true, level);
-            benchmark::DoNotOptimize(outer);
-        }
-        state.PauseTiming();
-        request.Reset();
-        state.ResumeTiming();
-    }
-    rqbench::SetNsPerNode(state, numNodes);
+    rqbench::TimeOnFreshItems(
+        state,
+        [make](int size) {
+            Shape shape = make(size);
+            return OwnedShape{Heap<RqHandleNode>(shape.m_pRequest), std::move(shape.m_blocks)};
+        },
+        [](OwnedShape& shape) {
+            for (RqAbstractList* block : shape.m_blocks) {
+                RqList* outer =
+                    VerticalListSplitter::NestWithinOuterReprojection(*block, nullptr, true, 0);
+                benchmark::DoNotOptimize(outer);
+            }
+        });
 }
 
 // The request of a shape alone, for the bare traversal.
 template <MakeShape make>
-RqHandleNode* RequestOf(int size) {
+RqHandleNode* RequestAlone(int size) {
     return make(size).m_pRequest;
 }
 
@@ -128,7 +133,7 @@ void BM_BareAccept(benchmark::State& state, rqbench::MakeRequest make) {
         ->RangeMultiplier(10)                                              \
         ->Range(1000, 1000000)                                             \
         ->Unit(benchmark::kMicrosecond);                                   \
-    BENCHMARK_CAPTURE(BM_BareAccept, shape, &RequestOf<shape##Shape>)      \
+    BENCHMARK_CAPTURE(BM_BareAccept, shape, &RequestAlone<shape##Shape>)      \
         ->RangeMultiplier(10)                                              \
         ->Range(1000, 1000000)                                             \
         ->Unit(benchmark::kMicrosecond);
