@@ -133,7 +133,7 @@ void BM_BareAccept(benchmark::State& state, rqbench::MakeRequest make) {
         ->RangeMultiplier(10)                                              \
         ->Range(1000, 1000000)                                             \
         ->Unit(benchmark::kMicrosecond);                                   \
-    BENCHMARK_CAPTURE(BM_BareAccept, shape, &RequestAlone<shape##Shape>)      \
+    BENCHMARK_CAPTURE(BM_BareAccept, shape, &RequestAlone<shape##Shape>)   \
         ->RangeMultiplier(10)                                              \
         ->Range(1000, 1000000)                                             \
         ->Unit(benchmark::kMicrosecond);
