@@ -6,12 +6,10 @@
 
 #include <benchmark/benchmark.h>
 
-#include <memory>
 #include <string>
 
 #include "BenchSupport.h"
 #include "Query/Optimizer/Request/SQORRqVisitorDefaults.h"
-#include "Query/Optimizer/RequestText/SQORTextCatalog.h"
 #include "Query/Optimizer/RequestText/SQORTextRequest.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSUAddPKToLeaf.h"
 
@@ -30,13 +28,8 @@ std::string BenchCatalog() {
     return text;
 }
 
-struct BenchSession {
-    RqCatalog m_catalog = RqCatalogText::Read(BenchCatalog(), "bench.catalog");
-    std::unique_ptr<RpSession> m_pSession = m_catalog.MakeSession();
-};
-
-BenchSession& Session() {
-    static BenchSession session;
+rqbench::CatalogSession& Session() {
+    static rqbench::CatalogSession session(BenchCatalog());
     return session;
 }
 

@@ -6,11 +6,9 @@
 
 #include <benchmark/benchmark.h>
 
-#include <memory>
 #include <string>
 
 #include "BenchSupport.h"
-#include "Query/Optimizer/RequestText/SQORTextCatalog.h"
 #include "Query/Optimizer/RequestText/SQORTextRequest.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSUAssignTargets.h"
 
@@ -29,13 +27,8 @@ std::string BenchCatalog() {
     return text;
 }
 
-struct BenchSession {
-    RqCatalog m_catalog = RqCatalogText::Read(BenchCatalog(), "bench.catalog");
-    std::unique_ptr<RpSession> m_pSession = m_catalog.MakeSession();
-};
-
-BenchSession& Session() {
-    static BenchSession session;
+rqbench::CatalogSession& Session() {
+    static rqbench::CatalogSession session(BenchCatalog());
     return session;
 }
 

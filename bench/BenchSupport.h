@@ -6,9 +6,12 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "Query/Optimizer/Request/SQORRqVisitorDefaults.h"
+#include "Query/Optimizer/RequestText/SQORTextCatalog.h"
 
 namespace rqbench {
 
@@ -42,6 +45,16 @@ inline void SetNsPerNode(benchmark::State& state, int64_t numNodes, int numReque
 }
 
 using MakeRequest = RqHandleNode* (*)(int);
+
+// A catalog read from its text and a session over it, for benchmarks whose requests are read
+// from the text format against a catalog of their own.
+struct CatalogSession {
+    explicit CatalogSession(const std::string& catalogText)
+        : m_catalog(RqCatalogText::Read(catalogText, "bench.catalog")),
+          m_pSession(m_catalog.MakeSession()) {}
+    RqCatalog m_catalog;
+    std::unique_ptr<RpSession> m_pSession;
+};
 
 // The request a made item owns: a request alone, or a request with the parts of it that a
 // benchmark works on.
