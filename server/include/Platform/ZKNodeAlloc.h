@@ -98,6 +98,8 @@ public:
     template <class U>
     ZKAllocator(const ZKAllocator<U>&) noexcept {}
 
+    // sizeof(T) is the element's size whatever T is, a pointer too (vectors of nodes).
+    // NOLINTBEGIN(bugprone-sizeof-expression)
     T* allocate(std::size_t n) {
         static_assert(alignof(T) <= alignof(std::max_align_t),
                       "ZKAllocator cannot over-align blocks");
@@ -107,6 +109,7 @@ public:
         return static_cast<T*>(ZKNodeAlloc::allocate(n * sizeof(T), ZKNodeAlloc::ContainerSite()));
     }
     void deallocate(T* p, std::size_t n) noexcept { ZKNodeAlloc::deallocate(p, n * sizeof(T)); }
+    // NOLINTEND(bugprone-sizeof-expression)
 
     template <class U>
     bool operator==(const ZKAllocator<U>&) const noexcept {

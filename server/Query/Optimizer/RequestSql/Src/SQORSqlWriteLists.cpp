@@ -27,7 +27,7 @@ std::string SqlWriter::Top(const RqNode& root) {
              KindName(request) + " is not a list of rows");
     }
     // The named queries are written first: each may read those before it.
-    const std::string body = List(*list, nullptr);
+    std::string body = List(*list, nullptr);
     if (m_namedQueries.empty())
         return body;
     if (m_bRightOrFullJoin) {

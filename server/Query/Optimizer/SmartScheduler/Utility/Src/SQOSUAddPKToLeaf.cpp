@@ -10,6 +10,10 @@
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSUTranslateOrToUnion.h"
 #include "Query/Optimizer/SmartScheduler/Utility/SQOSUVerticalListSplitter.h"
 
+// The assertions compare with NULL on purpose: their condition is the text the assertion
+// service reports ("NULL != projection"), and that text is what reports are matched on.
+// NOLINTBEGIN(modernize-use-nullptr)
+
 // One key column to append: the repository column and the request's number of the table
 // it is read from.
 class TargetColInfo : public MemAllocNewdel {
@@ -517,3 +521,5 @@ void AddPKToLeaf::PushUpUnsupportedColumns(RqList& list, RqList* outerList) {
     if (outerList != nullptr)
         MarkOuterBlockForServer(*outerList);
 }
+
+// NOLINTEND(modernize-use-nullptr)
