@@ -58,6 +58,18 @@ public:
     }
 };
 
+// Never finishes on a request: the kind of fault a time limit must catch.
+class Spin : public RqNodeVisitorDefaults<RewriteRule> {
+public:
+    bool StillActive() const override { return false; }
+    void Reset() override {}
+    bool Visit(RqHandleNode&) override {
+        for (volatile bool bForever = true; bForever;) {
+        }
+        return false;
+    }
+};
+
 template <class Rule>
 std::unique_ptr<RewriteRule> Make(const RuleContext&, const NoRuleOptions&) {
     return std::make_unique<Rule>();
@@ -70,6 +82,7 @@ const std::vector<RuleInfo>& PlantedRules() {
                                       &Make<InnerToLeft>),
         RuleInfo::Make<NoRuleOptions>("AssertOnGroupBy", "Asserts on a grouping.",
                                       &Make<AssertOnGroupBy>),
+        RuleInfo::Make<NoRuleOptions>("Spin", "Never finishes.", &Make<Spin>),
     };
     return table;
 }
@@ -210,6 +223,38 @@ TEST(Rqfuzz, AnAssertionInARuleIsACrashOfThatRule) {
     std::ostringstream text;
     text << saved.rdbuf();
     EXPECT_NE(text.str().find("GetGroupBy() == nullptr"), std::string::npos) << text.str();
+}
+
+// A check that runs out of time is a crash of its rules only when the rules alone do: a check
+// whose statements outlast it on SQLite says so and is no failure.
+TEST(FuzzChecker, TimeOutsBlameTheRulesOnlyWhenTheRulesLoop) {
+    FuzzCheckOptions options;
+    options.m_seeds = {1};
+    options.m_rows = 1000;
+    options.m_timeLimitS = 1;
+    const FuzzChecker checker(options);
+    // Sums over the cross product of four tables: far more than a second of SQLite's work.
+    const std::string slow =
+        "request {\n  list @a {\n    select {\n"
+        "      0: Sum(Add(t1.AMOUNT, Add(t2.AMOUNT, t3.AMOUNT)))\n    }\n"
+        "    from {\n      table SalesDW.dw.FACT_SALES t1\n"
+        "      table SalesDW.dw.FACT_SALES t2\n      table SalesDW.dw.FACT_SALES t3\n"
+        "      table SalesDW.dw.FACT_SALES t4\n"
+        "    }\n  }\n}\n";
+    const FuzzVerdict slowCheck =
+        checker.Check(slow, {RuleRegistry::ParseRuleSpec("DeleteOrphanCols")});
+    EXPECT_EQ(slowCheck.m_kind, FuzzVerdict::kNotComparable) << slowCheck.m_detail;
+    EXPECT_NE(slowCheck.m_detail.find("the check ran past 1 seconds"), std::string::npos)
+        << slowCheck.m_detail;
+
+    const std::string quick =
+        "request {\n  list @a {\n    select {\n      0: t1.AMOUNT\n    }\n"
+        "    from {\n      table SalesDW.dw.FACT_SALES t1\n    }\n  }\n}\n";
+    const FuzzVerdict spin =
+        checker.Check(quick, {RuleRegistry::ParseRuleSpec("Spin", PlantedRules())});
+    EXPECT_EQ(spin.m_kind, FuzzVerdict::kCrash) << spin.m_detail;
+    EXPECT_EQ(spin.m_rule, "Spin");
+    EXPECT_NE(spin.m_detail.find("timed out: the rules alone"), std::string::npos) << spin.m_detail;
 }
 
 TEST(Rqreduce, ACommandDecidesWhatFailureMeans) {

@@ -23,7 +23,7 @@ struct FuzzVerdict {
         kDifferent,      // a rule changed the result
         kViolation,      // a rule left the tree malformed
         kRuleError,      // a rule raised an error
-        kCrash,          // the check died (assertion, signal) or ran out of time
+        kCrash,          // the check died (assertion, signal), or its rules ran out of time
     };
     Kind m_kind = kNotComparable;
     std::string m_rule;                // the failing rule, for the failures
@@ -61,6 +61,9 @@ public:
 private:
     FuzzVerdict CheckInProcess(const std::string& text, const std::vector<RuleSpec>& rules) const;
     FuzzVerdict CheckIsolated(const std::string& text, const std::vector<RuleSpec>& rules) const;
+    // Whether the rules, applied and verified without the SQLite check, finish within the
+    // time limit of a check: tells a looping rule from a slow check.
+    bool RulesAloneFinish(const std::string& text, const std::vector<RuleSpec>& rules) const;
 
     FuzzCheckOptions m_options;
 };
