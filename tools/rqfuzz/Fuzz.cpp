@@ -2,6 +2,7 @@
 
 #include "Fuzz.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -298,6 +299,10 @@ private:
             }
             if (config.m_bSingleRule && !verdict.m_fired.empty())
                 ++m_fired[config.m_name];
+            if (!config.m_bSingleRule) {
+                for (const std::string& rule : verdict.m_fired)
+                    ++m_firedInPipeline[rule];
+            }
             if (!bJudged && (verdict.m_kind == FuzzVerdict::kPass ||
                              verdict.m_kind == FuzzVerdict::kNotComparable ||
                              verdict.m_kind == FuzzVerdict::kDifferent)) {
@@ -394,11 +399,20 @@ private:
             bFirst = false;
         }
         m_out << line.str() << "\n";
+        // A rule may have nothing to do on a request as generated and much to do after the
+        // rules before it (target assignment after a rule handed nodes back): both shares.
+        const auto pipeline =
+            std::find_if(m_configs.begin(), m_configs.end(),
+                         [](const FuzzConfig& config) { return !config.m_bSingleRule; });
         for (const FuzzConfig& config : m_configs) {
-            if (config.m_bSingleRule)
-                m_out << "rqfuzz: " << config.m_name << " fired on " << std::fixed
-                      << std::setprecision(1) << Percent(m_fired[config.m_name])
-                      << "% of the requests\n";
+            if (!config.m_bSingleRule)
+                continue;
+            m_out << "rqfuzz: " << config.m_name << " fired on " << std::fixed
+                  << std::setprecision(1) << Percent(m_fired[config.m_name]) << "% of the requests";
+            if (pipeline != m_configs.end())
+                m_out << " on its own, " << Percent(m_firedInPipeline[config.m_name]) << "% in "
+                      << pipeline->m_name;
+            m_out << "\n";
         }
     }
 
@@ -419,6 +433,7 @@ private:
     uint64_t m_count = 0, m_checked = 0, m_invalid = 0, m_failures = 0, m_unrendered = 0,
              m_empty = 0;
     std::map<std::string, uint64_t> m_reasons, m_fired, m_failuresByRule, m_undeterminedByRule;
+    std::map<std::string, uint64_t> m_firedInPipeline;
     // Undetermined results are a known hazard of some rules: a few examples of each are kept.
     static constexpr uint64_t kSavedUndetermined = 5;
 };

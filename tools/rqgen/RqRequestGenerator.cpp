@@ -612,7 +612,9 @@ private:
             if (Chance(30))
                 head += " offset=" + std::to_string(1 + Pick(3));
         }
-        // Targets: the one database of the block's tables now and then, else the engine.
+        // Targets: the one database of the block's tables now and then, else the engine. Now
+        // and then a block is bound to its database with its type still unknown, as a rule
+        // leaves the blocks it hands back for the server to assign again.
         std::string database;
         if (!from.m_databases.empty() &&
             std::all_of(from.m_databases.begin(), from.m_databases.end(),
@@ -621,9 +623,11 @@ private:
         list.m_database = database;
         if (Chance(60)) {
             if (!database.empty()) {
+                const bool bUnknown = Chance(10);
                 for (const GenTable& t : m_tables)
                     if (t.m_database == database) {
-                        head += " [target=" + t.m_target + " at=" + database + "]";
+                        head += " [target=" + (bUnknown ? std::string("unknown") : t.m_target) +
+                                " at=" + database + "]";
                         break;
                     }
             } else {
