@@ -93,14 +93,15 @@ struct FuzzOutput {
     std::string m_err;
 };
 
-FuzzOutput Fuzz(std::vector<std::string> args, const std::vector<RuleInfo>* table = nullptr) {
+FuzzOutput Fuzz(const std::vector<std::string>& args,
+                const std::vector<RuleInfo>* table = nullptr) {
     std::ostringstream out, err;
     const int status = RunRqfuzz(args, out, err, table);
     return {status, out.str(), err.str()};
 }
 
 std::string TempDir(const std::string& name) {
-    const std::string dir = testing::TempDir() + "rqfuzz-" + name;
+    std::string dir = testing::TempDir() + "rqfuzz-" + name;
     std::filesystem::remove_all(dir);
     return dir;
 }
