@@ -89,7 +89,7 @@ void* RunProbe(void* arg) {
 }  // namespace
 
 TEST(ZKThreadTest, DeepRecursionOnSmallStackEndsWithExceptionNotCrash) {
-    constexpr std::size_t kStackSize = 256 * 1024;
+    constexpr std::size_t kStackSize = std::size_t{256} * 1024;
     pthread_attr_t attr;
     ASSERT_EQ(pthread_attr_init(&attr), 0);
     ASSERT_EQ(pthread_attr_setstacksize(&attr, kStackSize), 0);

@@ -21,7 +21,6 @@
 namespace {
 
 using namespace rqb;
-using rqb::Ref;
 
 // Runs `body` on a thread with the platform's usual stack (not the test runner's), and
 // rethrows there what it threw.

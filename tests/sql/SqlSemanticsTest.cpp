@@ -64,7 +64,7 @@ TEST_F(SqlSemanticsTest, JoinsKeepOrExtendUnmatchedRowsAndKeepTheirBracketing) {
         return Bag("list { select { 0: t1.ORDER_ID 1: t2.CUST_ID } from { join " + type +
                    " { " ORDERS_T1 CUSTOMERS_T2 "on Eq(t1.CUST_ID, t2.CUST_ID) } } }");
     };
-    auto sorted = [](std::vector<Rows> parts) {
+    auto sorted = [](const std::vector<Rows>& parts) {
         Rows all;
         for (const Rows& part : parts)
             all.insert(all.end(), part.begin(), part.end());

@@ -718,7 +718,7 @@ std::string Mutate(const std::string& original, Rng& rng) {
                 }
                 [[fallthrough]];
             default:
-                text.insert(at, piece.substr(0, static_cast<size_t>(rng.Below(int(size)) + 1)));
+                text.insert(at, piece.substr(0, static_cast<size_t>(rng.Below(int(size))) + 1));
                 break;
         }
     }

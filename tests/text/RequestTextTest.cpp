@@ -234,7 +234,7 @@ TEST(RequestTextLimits, WritingOnATooSmallStackFailsCleanly) {
         chain = Not(chain);
     Heap<RqHandleNode> deep(Request(Block().Where(chain).Build()));
     bool bRefused = false;
-    RunWithStack(256 * 1024, [&] {
+    RunWithStack(std::size_t{256} * 1024, [&] {
         try {
             RqTextWriter::Write(*deep);
         } catch (const ErrorMessage&) {

@@ -54,7 +54,8 @@ bool ReadAll(std::istream& in, const std::string& what, std::string& text, std::
         text.append(buffer, static_cast<size_t>(in.gcount()));
         if (text.size() > kRqTextMaxInputBytes) {
             error = "cannot read " + what + ": it is larger than the " +
-                    std::to_string(kRqTextMaxInputBytes / (1024 * 1024)) + " MiB an input may have";
+                    std::to_string(kRqTextMaxInputBytes / (std::size_t{1024} * 1024)) +
+                    " MiB an input may have";
             return false;
         }
     }

@@ -36,7 +36,8 @@ public:
     // Reads what ToString writes; on failure returns false and leaves id unchanged.
     static bool FromString(std::wstring_view text, VoidID& id);
 
-    constexpr auto operator<=>(const VoidID&) const = default;
+    // The check mistakes the comparison with 0 that the compiler writes for the default.
+    constexpr auto operator<=>(const VoidID&) const = default;  // NOLINT(modernize-use-nullptr)
 
 private:
     int32_t m_nTypeId = 0;

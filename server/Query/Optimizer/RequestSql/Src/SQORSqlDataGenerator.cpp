@@ -101,8 +101,8 @@ const char* const kUnicodeWords[] = {"\xC3\xA9t\xC3\xA9", "\xC3\x89T\xC3\x89",
 // How often a value leaves the narrow ranges where values collide.
 constexpr double kWideChance = 0.15;
 // The wide dates: from two years before to four years after the narrow quarter.
-constexpr int64_t kWideDaysBefore = 2 * 365;
-constexpr int64_t kWideDays = 6 * 365;
+constexpr int64_t kWideDaysBefore = int64_t{2} * 365;
+constexpr int64_t kWideDays = int64_t{6} * 365;
 
 const char* SqliteType(SqlDataGenerator::ValueKind kind) {
     switch (kind) {

@@ -72,7 +72,7 @@ std::string SqlWriter::NewAlias(const std::string& base) {
 }
 
 std::string SqlWriter::Hoist(const std::string& base, const std::string& sql) {
-    const std::string name = NewAlias(base);
+    std::string name = NewAlias(base);
     m_namedQueries.push_back(name + " AS (\n" + Indent(sql) + "\n)");
     return name;
 }

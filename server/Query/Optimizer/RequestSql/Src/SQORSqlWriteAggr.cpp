@@ -201,8 +201,8 @@ std::string SqlWriter::WindowCall(const RqExprAggr& aggr, const ExprEnv& env) {
     else if (form.m_frame == WindowForm::kLastRows)
         frame = "ROWS BETWEEN " + std::to_string(WindowParameter(aggr) - 1) +
                 " PRECEDING AND CURRENT ROW";
-    const std::string call = std::string(form.m_function) + "(" + argument + ") OVER (" + spec +
-                             (frame.empty() || spec.empty() ? "" : " ") + frame + ")";
+    std::string call = std::string(form.m_function) + "(" + argument + ") OVER (" + spec +
+                       (frame.empty() || spec.empty() ? "" : " ") + frame + ")";
     if (!form.m_bNeedsTotalOrder)
         return call;
     // Rows tied on every sort key within a partition get their numbers (buckets, windows of

@@ -300,7 +300,7 @@ RqTextLexer::RqTextLexer(std::string_view text, std::string fileName)
     if (text.size() > kRqTextMaxInputBytes)
         throw RqTextError(m_fileName, 1, 1,
                           "the text is larger than the " +
-                              std::to_string(kRqTextMaxInputBytes / (1024 * 1024)) +
+                              std::to_string(kRqTextMaxInputBytes / (std::size_t{1024} * 1024)) +
                               " MiB a request or catalog may have");
     m_pScanner = std::make_unique<RqTextScanner>(WithoutByteOrderMark(text), m_fileName);
 }

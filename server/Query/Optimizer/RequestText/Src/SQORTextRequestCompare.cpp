@@ -147,8 +147,8 @@ std::string FieldDifference(const RqNode& a, const RqNode& b) {
         return "target id " + a.GetTargetID().ToString().ToUtf8() + " vs " +
                b.GetTargetID().ToString().ToUtf8();
     const auto* expr = RqDynCast<RqExpr>(&a);
-    const std::string what = expr != nullptr ? ExprGetterDifference(*expr, *RqCast<RqExpr>(&b))
-                                             : NodeGetterDifference(a, b);
+    std::string what = expr != nullptr ? ExprGetterDifference(*expr, *RqCast<RqExpr>(&b))
+                                       : NodeGetterDifference(a, b);
     if (!what.empty())
         return what;
     const std::string printedA = OwnFieldsText(a);
