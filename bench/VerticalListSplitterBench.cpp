@@ -11,7 +11,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <utility>
 #include <vector>
 
 #include "BenchSupport.h"
@@ -24,10 +23,14 @@ namespace {
 using rqb::Ref;
 
 struct Shape {
-    RqHandleNode* m_pRequest;
+    Heap<RqHandleNode> m_request;
     // The blocks to nest, innermost first.
     std::vector<RqAbstractList*> m_blocks;
 };
+
+RqHandleNode& RequestOf(Shape& shape) {
+    return *shape.m_request;
+}
 
 // About 6 nodes per column: the inner column and its reader above.
 Shape WideShape(int size) {
@@ -41,7 +44,7 @@ Shape WideShape(int size) {
     for (int i = 0; i < numColumns; ++i)
         outer.Select(Ref(*innerList, i));
     outer.From(rqb::Derived(innerList, 2));
-    return {rqb::Request(outer.Build()), {innerList}};
+    return {Heap<RqHandleNode>(rqb::Request(outer.Build())), {innerList}};
 }
 
 RqList* SmallBlock(int tableNum) {
@@ -57,7 +60,7 @@ RqList* SmallBlock(int tableNum) {
 // About 23 nodes per derived table.
 Shape DerivedShape(int size) {
     const int numTables = size / 23;
-    Shape shape{nullptr, {}};
+    Shape shape;
     rqb::Block outer;
     for (int i = 0; i < numTables; ++i) {
         RqList* block = SmallBlock(i + 1);
@@ -65,14 +68,14 @@ Shape DerivedShape(int size) {
         outer.Select(rqb::Add(Ref(*block, 0), Ref(*block, 1)));
         outer.From(rqb::Derived(block, numTables + i + 1));
     }
-    shape.m_pRequest = rqb::Request(outer.Build());
+    shape.m_request.Reset(rqb::Request(outer.Build()));
     return shape;
 }
 
 // About 14 nodes per block of the chain.
 Shape DeepShape(int size) {
     const int depth = size / 14;
-    Shape shape{nullptr, {}};
+    Shape shape;
     RqList* list = SmallBlock(1);
     shape.m_blocks.push_back(list);
     for (int level = 1; level < depth; ++level) {
@@ -86,42 +89,26 @@ Shape DeepShape(int size) {
                    .Build();
         shape.m_blocks.push_back(list);
     }
-    shape.m_pRequest = rqb::Request(list);
+    shape.m_request.Reset(rqb::Request(list));
     return shape;
 }
 
 using MakeShape = Shape (*)(int);
 
-// A shape that owns its request, for a batch of fresh ones.
-struct OwnedShape {
-    Heap<RqHandleNode> m_request;
-    std::vector<RqAbstractList*> m_blocks;
-};
-
-RqHandleNode& RequestOf(OwnedShape& shape) {
-    return *shape.m_request;
-}
-
 void BM_NestWithinOuterReprojection(benchmark::State& state, MakeShape make) {
-    rqbench::TimeOnFreshItems(
-        state,
-        [make](int size) {
-            Shape shape = make(size);
-            return OwnedShape{Heap<RqHandleNode>(shape.m_pRequest), std::move(shape.m_blocks)};
-        },
-        [](OwnedShape& shape) {
-            for (RqAbstractList* block : shape.m_blocks) {
-                RqList* outer =
-                    VerticalListSplitter::NestWithinOuterReprojection(*block, nullptr, true, 0);
-                benchmark::DoNotOptimize(outer);
-            }
-        });
+    rqbench::TimeOnFreshItems(state, make, [](Shape& shape) {
+        for (RqAbstractList* block : shape.m_blocks) {
+            RqList* outer =
+                VerticalListSplitter::NestWithinOuterReprojection(*block, nullptr, true, 0);
+            benchmark::DoNotOptimize(outer);
+        }
+    });
 }
 
 // The request of a shape alone, for the bare traversal.
 template <MakeShape make>
 RqHandleNode* RequestAlone(int size) {
-    return make(size).m_pRequest;
+    return make(size).m_request.Release();
 }
 
 void BM_BareAccept(benchmark::State& state, rqbench::MakeRequest make) {

@@ -30,6 +30,36 @@ bool Test(Pred& pred, const RqNode* node) {
         return pred(const_cast<RqNode*>(node));
     }
 }
+
+// The work stack of a walk. Most subtrees searched are small expressions: their walk keeps
+// its stack in place, and only a large subtree costs an allocation.
+template <class NodePtr>
+class WalkStack {
+public:
+    explicit WalkStack(NodePtr root) { Push(root); }
+    bool Empty() const { return m_size == 0; }
+    void Push(NodePtr node) {
+        if (m_size < kInPlace)
+            m_inPlace[m_size] = node;
+        else
+            m_spilled.push_back(node);
+        ++m_size;
+    }
+    NodePtr Pop() {
+        --m_size;
+        if (m_size < kInPlace)
+            return m_inPlace[m_size];
+        NodePtr node = m_spilled.back();
+        m_spilled.pop_back();
+        return node;
+    }
+
+private:
+    static constexpr size_t kInPlace = 32;
+    NodePtr m_inPlace[kInPlace];
+    std::vector<NodePtr> m_spilled;
+    size_t m_size = 0;
+};
 }  // namespace RqUtilityDetail
 
 // Appends to `out`, in pre-order and child order, every node of the subtree of `root` (the
@@ -39,10 +69,9 @@ template <class Pred>
 void FindNodes(RqNode* root, Pred pred, RqNodeVector& out, bool bDescendIntoMatches = true) {
     if (root == nullptr)
         return;
-    std::vector<RqNode*> work{root};
-    while (!work.empty()) {
-        RqNode* node = work.back();
-        work.pop_back();
+    RqUtilityDetail::WalkStack<RqNode*> work(root);
+    while (!work.Empty()) {
+        RqNode* node = work.Pop();
         if (RqUtilityDetail::Test(pred, node)) {
             out.push_back(node);
             if (!bDescendIntoMatches)
@@ -50,7 +79,7 @@ void FindNodes(RqNode* root, Pred pred, RqNodeVector& out, bool bDescendIntoMatc
         }
         for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
             if (RqNode* child = node->GetIthChild(i))
-                work.push_back(child);
+                work.Push(child);
         }
     }
 }
@@ -60,15 +89,14 @@ template <class Pred>
 bool FoundNodes(const RqNode* root, Pred pred) {
     if (root == nullptr)
         return false;
-    std::vector<const RqNode*> work{root};
-    while (!work.empty()) {
-        const RqNode* node = work.back();
-        work.pop_back();
+    RqUtilityDetail::WalkStack<const RqNode*> work(root);
+    while (!work.Empty()) {
+        const RqNode* node = work.Pop();
         if (RqUtilityDetail::Test(pred, node))
             return true;
         for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
             if (const RqNode* child = node->GetIthChild(i))
-                work.push_back(child);
+                work.Push(child);
         }
     }
     return false;

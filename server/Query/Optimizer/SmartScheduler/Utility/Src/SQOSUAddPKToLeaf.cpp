@@ -36,7 +36,8 @@ namespace {
 class IsEquivalentTargetColInfo {
 public:
     explicit IsEquivalentTargetColInfo(const TargetColInfo& info)
-        : m_colId(info.m_column->GetID()) {}
+        : IsEquivalentTargetColInfo(info.m_column->GetID()) {}
+    explicit IsEquivalentTargetColInfo(const VoidID& colId) : m_colId(colId) {}
     bool operator()(const OwnedTargetColInfoPtr& entry) const {
         return entry->m_column->GetID() == m_colId;
     }
@@ -195,6 +196,15 @@ void MoveRowLimitOutward(RqList& list, RqList& outerList) {
     }
 }
 
+// Nests a framework block within an outer reprojection. The nesting moves a DISTINCT to the
+// outer block; the limit and offset, which count the distinct rows, go along.
+RqList* NestWithinServerBlock(RqList& list) {
+    RqList* outer = VerticalListSplitter::NestWithinOuterReprojection(list, nullptr, true, 0);
+    if (outer != nullptr && outer->IsDistinct())
+        MoveRowLimitOutward(list, *outer);
+    return outer;
+}
+
 // The branch is detached by its position: a search for it among its siblings would make a
 // wide set operation quadratic.
 template <class SetOperation>
@@ -205,14 +215,9 @@ void WrapFrameworkBranches(SetOperation& setOperation) {
             continue;
         RqList* oldLeafSubList = RqDynCast<RqList>(setOperation.ReleaseIthChild(i));
         ZK_ASSERT(NULL != oldLeafSubList);
-        RqList* newOuterListForCombinedSelect =
-            VerticalListSplitter::NestWithinOuterReprojection(*oldLeafSubList, nullptr, true, 0);
+        RqList* newOuterListForCombinedSelect = NestWithinServerBlock(*oldLeafSubList);
         ZK_ASSERT(NULL != newOuterListForCombinedSelect);
         MarkOuterBlockForServer(*newOuterListForCombinedSelect);
-        // A DISTINCT branch gives its DISTINCT to the outer block: its limit and offset count
-        // the distinct rows, so they go along.
-        if (newOuterListForCombinedSelect->IsDistinct())
-            MoveRowLimitOutward(*oldLeafSubList, *newOuterListForCombinedSelect);
         setOperation.SetIthList(i, newOuterListForCombinedSelect);
     }
 }
@@ -278,13 +283,13 @@ bool AddPKToLeaf::Visit(RqList& list) {
     RqList* outer = nullptr;
     if (parent != nullptr &&
         (!parent->IsKindOf(kRqDerivedTable) || list.IsDistinct() || bAggregates)) {
-        outer = VerticalListSplitter::NestWithinOuterReprojection(list, nullptr, true, 0);
+        // The push-up below marks the outer block for the server once it is complete.
+        outer = NestWithinServerBlock(list);
         ZK_ASSERT(NULL != outer);
-        MarkOuterBlockForServer(*outer);
-        if (bAggregates)
+        if (bAggregates) {
             MoveAggregationOutward(list, *outer);
-        if (bAggregates || outer->IsDistinct())
             MoveRowLimitOutward(list, *outer);
+        }
     }
 
     AppendKeyColumns(list, targetType, pkColumns);
@@ -320,9 +325,8 @@ void AddPKToLeaf::ChooseKeyColumns(RqList& list, RqProjection* projection,
         VoidID colID;
         RqCast<RqTargetColumn>(column->GetExpr())->GetColumnID(colID);
         ZK_ASSERT(!colID.IsNullID());
-        auto found = std::find_if(
-            pkColumns.begin(), pkColumns.end(),
-            [&](const OwnedTargetColInfoPtr& entry) { return entry->m_column->GetID() == colID; });
+        auto found =
+            std::find_if(pkColumns.begin(), pkColumns.end(), IsEquivalentTargetColInfo(colID));
         if (found != pkColumns.end())
             pkColumns.erase(found);
     }

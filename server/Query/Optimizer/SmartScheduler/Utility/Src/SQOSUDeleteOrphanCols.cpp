@@ -32,47 +32,6 @@ namespace {
 
 using DeleteOrphanColsLocal::ComputeNewJoinIndexes;
 
-// Calls `fn` on every node of the subtree of `root` (the root included) in pre-order, until
-// `fn` answers true; answers whether it did. Expressions are small: their walk keeps its
-// stack in place and only a large one costs an allocation.
-template <class Fn>
-bool AnyNode(const RqNode* root, Fn fn) {
-    if (root == nullptr)
-        return false;
-    if (root->GetNumChildren() == 0)
-        return fn(root);
-    constexpr size_t kInPlace = 32;
-    const RqNode* inPlace[kInPlace];
-    std::vector<const RqNode*> spilled;
-    size_t size = 0;
-    const auto push = [&](const RqNode* node) {
-        if (size < kInPlace)
-            inPlace[size] = node;
-        else
-            spilled.push_back(node);
-        ++size;
-    };
-    const auto pop = [&]() {
-        --size;
-        if (size < kInPlace)
-            return inPlace[size];
-        const RqNode* node = spilled.back();
-        spilled.pop_back();
-        return node;
-    };
-    push(root);
-    while (size > 0) {
-        const RqNode* node = pop();
-        if (fn(node))
-            return true;
-        for (int i = node->GetNumChildren() - 1; i >= 0; --i) {
-            if (const RqNode* child = node->GetIthChild(i))
-                push(child);
-        }
-    }
-    return false;
-}
-
 // Adds a column to the set. The columns of a block are mostly made one after another, so they
 // mostly come in ascending address order: an insertion after the greatest one is tried first,
 // and costs no search when it holds.
@@ -152,17 +111,17 @@ bool IsAggrExpr(const RqNode* node) {
 }
 
 bool ContainsKind(const RqNode* root, RqNodeType_e kind) {
-    return AnyNode(root, [kind](const RqNode* node) { return node->IsKindOf(kind); });
+    return FoundNodes(root, [kind](const RqNode* node) { return node->IsKindOf(kind); });
 }
 
 bool ContainsAggr(const RqNode* root) {
-    return AnyNode(root, IsAggrExpr);
+    return FoundNodes(root, IsAggrExpr);
 }
 
 // Calls `fn` with the column of every derived column reference below `root`.
 template <class Fn>
 void ForEachReferencedColumn(const RqNode* root, Fn fn) {
-    AnyNode(root, [&fn](const RqNode* node) {
+    FoundNodes(root, [&fn](const RqNode* node) {
         if (InKinds(OrphanKinds().m_reference, node)) {
             if (RqDerivedColumn* column =
                     RqCast<RqDerivedColumnReference>(node)->GetDerivedColumn())
@@ -206,7 +165,7 @@ bool IsGrainCheck(const RqNode* node) {
 // Whether the column that a derived column reference reads computes a grain check.
 bool ReadsGrainCheck(const RqNode* reference) {
     const RqDerivedColumn* column = RqCast<RqDerivedColumnReference>(reference)->GetDerivedColumn();
-    return column != nullptr && AnyNode(column->GetExpr(), IsGrainCheck);
+    return column != nullptr && FoundNodes(column->GetExpr(), IsGrainCheck);
 }
 
 // A grain check in the expression itself, or in a column that one of its derived column
@@ -214,7 +173,7 @@ bool ReadsGrainCheck(const RqNode* reference) {
 // consumer expects, and that answer needs the inputs it checks.
 bool HasGrainCheckExpr(RqExpr* expr) {
     const OrphanKindSets& kinds = OrphanKinds();
-    return AnyNode(expr, [&](const RqNode* node) {
+    return FoundNodes(expr, [&](const RqNode* node) {
         if (InKinds(kinds.m_grainCheck, node))
             return true;
         return InKinds(kinds.m_reference, node) && ReadsGrainCheck(node);
@@ -253,6 +212,35 @@ void AddProjectionColumns(const RqProjection* projection, RqDerivedColumnSet& co
         if (RqDerivedColumn* column = projection->GetIthColumn(i))
             AddColumn(columnRefs, column);
     }
+}
+
+// Every column of every branch of a set operation.
+template <class SetOperation>
+void AddBranchColumns(const SetOperation& setOperation, RqDerivedColumnSet& columnRefs) {
+    for (int b = 0; b < setOperation.GetNumLists(); ++b) {
+        if (const RqAbstractList* branch = setOperation.GetIthList(b))
+            AddProjectionColumns(branch->GetProjection(), columnRefs);
+    }
+}
+
+// The projection columns at `positions`, those that exist.
+void AddColumnsAt(const RqProjection* projection, const UInt16Vector& positions,
+                  RqDerivedColumnSet& columnRefs) {
+    if (projection == nullptr)
+        return;
+    for (const uint16_t position : positions) {
+        if (position < projection->GetNumColumns()) {
+            if (RqDerivedColumn* column = projection->GetIthColumn(position))
+                AddColumn(columnRefs, column);
+        }
+    }
+}
+
+// The projection of the block a derived table reads, when `table` is one.
+const RqProjection* DerivedTableProjection(const RqNode* table) {
+    const RqDerivedTable* derived = RqDynCast<RqDerivedTable>(table);
+    const RqAbstractList* inner = derived != nullptr ? derived->GetInnerList() : nullptr;
+    return inner != nullptr ? inner->GetProjection() : nullptr;
 }
 
 // A column that carries a value of its own: one that is not constant, or one that a remote
@@ -300,7 +288,7 @@ struct DeleteOrphanCols::ColumnFacts {
                         ServerInfo::IsRemoteTargetType(column->GetTargetType());
         const OrphanKindSets& kinds = OrphanKinds();
         // One walk answers every question: the kind of each node is read once.
-        AnyNode(expr, [&facts, &kinds](const RqNode* node) {
+        FoundNodes(expr, [&facts, &kinds](const RqNode* node) {
             const size_t kind = static_cast<size_t>(node->GetObjectType());
             facts.m_bAggr |= kinds.m_aggr.test(kind);
             facts.m_bTopN |= kinds.m_topN.test(kind);
@@ -372,15 +360,15 @@ int ColumnThatKeepsGrain(const RqList& listNode, const ColumnFactsVector& facts,
 // block is grouped once (stacked grouping sets would merge), no filter on aggregated rows
 // would lose the grouping it is evaluated at, and no kept column or sort key computes over
 // an aggregate (Max(x) + 8 is not an aggregate column itself, yet it needs the groups).
-bool GroupByBecomesDistinct(const RqList& listNode, const ColumnMarks& doomed) {
+bool GroupByBecomesDistinct(const RqList& listNode, const ColumnFactsVector& facts,
+                            const ColumnMarks& doomed) {
     const RqGroupBy* groupBy = listNode.GetGroupBy();
     if (groupBy->IsGroupingSets() || listNode.GetSummaryFilter() != nullptr ||
         ContainsAggr(listNode.GetDetailFilter()) || ContainsAggr(listNode.GetOrderBy()))
         return false;
     const RqProjection* projection = listNode.GetProjection();
-    for (int i = 0; i < projection->GetNumColumns(); ++i) {
-        const RqDerivedColumn* column = projection->GetIthColumn(i);
-        if (column != nullptr && !doomed[i] && ContainsAggr(column->GetExpr()))
+    for (size_t i = 0; i < facts.size(); ++i) {
+        if (!doomed[i] && facts[i].m_bAggr)
             return false;
     }
     const RqEquivalence equivalent;
@@ -622,7 +610,7 @@ ColumnMarks DeleteOrphanCols::FindOrphans(RqList& listNode, const ColumnFactsVec
     }
 
     if (!bUndo && !orphanAggrs.empty())
-        RefineOrphanAggrs(listNode, keptAggrs, orphanAggrs, orphans);
+        RefineOrphanAggrs(listNode, facts, keptAggrs, orphanAggrs, orphans);
 
     // A block that would select constants only keeps its first real column as well.
     if (bConstantsOnly) {
@@ -636,7 +624,8 @@ ColumnMarks DeleteOrphanCols::FindOrphans(RqList& listNode, const ColumnFactsVec
     return orphans;
 }
 
-void DeleteOrphanCols::RefineOrphanAggrs(RqList& listNode, const std::vector<int>& keptAggrs,
+void DeleteOrphanCols::RefineOrphanAggrs(RqList& listNode, const ColumnFactsVector& facts,
+                                         const std::vector<int>& keptAggrs,
                                          const std::vector<int>& orphanAggrs,
                                          ColumnMarks& orphans) {
     const RqProjection* projection = listNode.GetProjection();
@@ -665,7 +654,7 @@ void DeleteOrphanCols::RefineOrphanAggrs(RqList& listNode, const std::vector<int
     const bool bOrphansLeft = std::any_of(orphanAggrs.begin(), orphanAggrs.end(),
                                           [&](int orphan) { return orphans[orphan] != 0; });
     if (bOrphansLeft && keptAggrs.empty() && listNode.GetGroupBy() != nullptr &&
-        listNode.GetHaving() == nullptr && GroupByBecomesDistinct(listNode, orphans)) {
+        listNode.GetHaving() == nullptr && GroupByBecomesDistinct(listNode, facts, orphans)) {
         listNode.SetGroupBy(nullptr);
         listNode.SetDistinct(true);
     }
@@ -761,28 +750,19 @@ bool DeleteOrphanCols::CheckUnionRemovability(RqUnion& unionNode, RqDerivedColum
 
 void DeleteOrphanCols::MarkAllColumnsAsReferenced(RqUnion& unionNode,
                                                   RqDerivedColumnSet& columnRefs) {
-    for (int b = 0; b < unionNode.GetNumLists(); ++b) {
-        if (const RqAbstractList* branch = unionNode.GetIthList(b))
-            AddProjectionColumns(branch->GetProjection(), columnRefs);
-    }
+    AddBranchColumns(unionNode, columnRefs);
 }
 
 bool DeleteOrphanCols::Visit(RqIntersect& node) {
     // Which rows match is decided by every column: no branch loses one.
     m_visitedRootRqlist = true;
-    for (int b = 0; b < node.GetNumLists(); ++b) {
-        if (const RqAbstractList* branch = node.GetIthList(b))
-            AddProjectionColumns(branch->GetProjection(), *m_pColumnRefs);
-    }
+    AddBranchColumns(node, *m_pColumnRefs);
     return false;
 }
 
 bool DeleteOrphanCols::Visit(RqExcept& node) {
     m_visitedRootRqlist = true;
-    for (int b = 0; b < node.GetNumLists(); ++b) {
-        if (const RqAbstractList* branch = node.GetIthList(b))
-            AddProjectionColumns(branch->GetProjection(), *m_pColumnRefs);
-    }
+    AddBranchColumns(node, *m_pColumnRefs);
     return false;
 }
 
@@ -933,47 +913,36 @@ void DeleteOrphanCols::AddControlBreakReferences(RqProjection* projection,
                                                  RqDerivedColumnSet& columnRefs) {
     if (projection == nullptr)
         return;
-    RqNodeVector aggrs;
+    const auto addMatching = [&](auto columnNumber) {
+        if (RqDerivedColumn* column = projection->GetMatchingColumn(columnNumber))
+            AddColumn(columnRefs, column);
+    };
     for (int i = 0; i < projection->GetNumColumns(); ++i) {
-        if (const RqDerivedColumn* column = projection->GetIthColumn(i)) {
-            AnyNode(column->GetExpr(), [&aggrs](const RqNode* node) {
-                if (IsAggrExpr(node))
-                    aggrs.push_back(const_cast<RqNode*>(node));
+        const RqDerivedColumn* column = projection->GetIthColumn(i);
+        if (column == nullptr)
+            continue;
+        FoundNodes(column->GetExpr(), [&](const RqNode* node) {
+            if (!IsAggrExpr(node))
                 return false;
-            });
-        }
-    }
-    for (RqNode* node : aggrs) {
-        const RqExprAggr* aggr = RqCast<RqExprAggr>(node);
-        if (const RqExprColumnList* byList = aggr->GetByList()) {
-            for (int i = 0; i < byList->GetNumColumns(); ++i) {
-                if (RqDerivedColumn* column =
-                        projection->GetMatchingColumn(byList->GetIthColumn(i)))
-                    AddColumn(columnRefs, column);
+            if (const RqExprColumnList* byList = RqCast<RqExprAggr>(node)->GetByList()) {
+                for (int c = 0; c < byList->GetNumColumns(); ++c)
+                    addMatching(byList->GetIthColumn(c));
             }
-        }
-        // A sort-dependent aggregate orders its rows by columns of the projection.
-        if (const RqExprSortDependentAggr* sorted = RqDynCast<RqExprSortDependentAggr>(node)) {
-            for (const RqExprSortDependentAggr::SortKey& key : sorted->GetSortSpec()) {
-                if (RqDerivedColumn* column = projection->GetMatchingColumn(key.m_columnNumber))
-                    AddColumn(columnRefs, column);
+            // A sort-dependent aggregate orders its rows by columns of the projection.
+            if (const auto* sorted = RqDynCast<RqExprSortDependentAggr>(node)) {
+                for (const RqExprSortDependentAggr::SortKey& key : sorted->GetSortSpec())
+                    addMatching(key.m_columnNumber);
             }
-        }
+            return false;
+        });
     }
 }
 
 void DeleteOrphanCols::AddBreakFilterReferences(RqBreakFilter& breakFilter,
                                                 RqDerivedColumnSet& columnRefs) {
     const RqAbstractList* inner = breakFilter.GetInnerList();
-    const RqProjection* projection = inner != nullptr ? inner->GetProjection() : nullptr;
-    if (projection == nullptr)
-        return;
-    for (const uint16_t index : breakFilter.BreakColumnIndexes()) {
-        if (index < projection->GetNumColumns()) {
-            if (RqDerivedColumn* column = projection->GetIthColumn(index))
-                AddColumn(columnRefs, column);
-        }
-    }
+    AddColumnsAt(inner != nullptr ? inner->GetProjection() : nullptr,
+                 breakFilter.BreakColumnIndexes(), columnRefs);
 }
 
 void DeleteOrphanCols::AddCountStarReference(RqList& listNode, RqDerivedColumnSet& columnRefs) {
@@ -986,9 +955,7 @@ void DeleteOrphanCols::AddCountStarReference(RqList& listNode, RqDerivedColumnSe
     ZK_ASSERT(listNode.GetJoinSpec()->GetNumTableReferences()>0);
     // clang-format on
     const RqTableReference* reference = listNode.GetJoinSpec()->GetIthTableReference(0);
-    const RqDerivedTable* derived = RqDynCast<RqDerivedTable>(reference->GetLeftNode());
-    const RqAbstractList* inner = derived != nullptr ? derived->GetInnerList() : nullptr;
-    const RqProjection* projection = inner != nullptr ? inner->GetProjection() : nullptr;
+    const RqProjection* projection = DerivedTableProjection(reference->GetLeftNode());
     if (projection == nullptr)
         return;
     for (int i = 0; i < projection->GetNumColumns(); ++i) {
@@ -1020,17 +987,7 @@ void DeleteOrphanCols::LoadJoinColumns(RqNode* table, const UInt16Vector& indexe
         LoadJoinColumns(nested, columnRefs);
         return;
     }
-    const RqDerivedTable* derived = RqDynCast<RqDerivedTable>(table);
-    const RqAbstractList* inner = derived != nullptr ? derived->GetInnerList() : nullptr;
-    const RqProjection* projection = inner != nullptr ? inner->GetProjection() : nullptr;
-    if (projection == nullptr)
-        return;
-    for (const uint16_t index : indexes) {
-        if (index < projection->GetNumColumns()) {
-            if (RqDerivedColumn* column = projection->GetIthColumn(index))
-                AddColumn(columnRefs, column);
-        }
-    }
+    AddColumnsAt(DerivedTableProjection(table), indexes, columnRefs);
 }
 
 void DeleteOrphanCols::RemoveGrainCheckColumnsFromDeleteOrphans(RqList& listNode,

@@ -108,8 +108,9 @@ private:
     // The block's orphans, marked by projection position, and the aggregate refinement of
     // them (which may turn the block's GROUP BY into DISTINCT).
     std::vector<char> FindOrphans(RqList& listNode, const std::vector<ColumnFacts>& facts);
-    void RefineOrphanAggrs(RqList& listNode, const std::vector<int>& keptAggrs,
-                           const std::vector<int>& orphanAggrs, std::vector<char>& orphans);
+    void RefineOrphanAggrs(RqList& listNode, const std::vector<ColumnFacts>& facts,
+                           const std::vector<int>& keptAggrs, const std::vector<int>& orphanAggrs,
+                           std::vector<char>& orphans);
     // The references a block makes to its children's columns, and its join columns.
     void CollectChildReferences(RqList& listNode);
     // Runs a sub-visitor over `node` and returns the positions it deleted there.
